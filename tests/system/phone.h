@@ -1,0 +1,114 @@
+// Phone: the system-test fixture. Each test gets a fresh phone root in a temp directory, a
+// virtual modem when it wants one, and the real rix binary running inside vphone.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "process.h"
+#include "virtual_modem.h"
+
+namespace systest {
+
+using namespace std::chrono_literals;
+using Millis = std::chrono::milliseconds;
+
+inline constexpr Millis kWait = 10s;
+
+// One message of the daemon in its two copies.
+struct LogLine {
+    std::string kernel;   // line in /dev/kmsg
+    std::string android;  // line in /dev/log/radio
+};
+
+// An information message of function `fn`: "<6>cpif: rix: fn: text" and "D/boot: rix: fn: text".
+LogLine info(const std::string& fn, const std::string& text);
+// An error message: "<3>cpif: rix: (ERR! err) fn: text" and "E/boot: rix: (ERR! err) fn: text".
+LogLine error(const std::string& err, const std::string& fn, const std::string& text);
+
+// How the sandbox around the daemon is set up (see vphone --help).
+struct Sandbox {
+    std::vector<std::string> omit_nodes;  // e.g. "ramdump_memshare"
+    std::string log_tmpfs;                // size of a tmpfs at /data/vendor/log/rix
+    std::string faketime;                 // clock speed-up factor
+};
+
+class Phone : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // ---- before the start
+    void set_property(const std::string& name, const std::string& value);
+    void set_cmdline(const std::string& text);
+    // Writes a file at a path of the phone ("/efs/factory.prop").
+    void write_file(const std::string& phone_path, const std::string& content);
+    // Builds the partition image and the NV file with mkmodem; `args` are mkmodem's options.
+    void build_modem(const std::vector<std::string>& args = {});
+    // Starts the virtual modem with the scenario text.
+    void start_modem(const std::string& scenario = "");
+    // Starts rix with `args` inside vphone.
+    void start_rix(const std::vector<std::string>& args, const Sandbox& sandbox = {});
+
+    // ---- while it runs
+    bool rix_running() { return vphone_.running(); }
+    // The exit status of vphone, which is the daemon's own; nothing on time-out.
+    std::optional<int> wait_exit(Millis timeout = kWait) { return vphone_.wait(timeout); }
+    // The daemon's host pid (waits for vphone to report it).
+    pid_t rix_pid();
+    // A field of /proc/<pid>/status of the daemon, e.g. "Uid" or "CapEff", trimmed.
+    std::string proc_status(const std::string& field);
+    // The daemon's open descriptors by what they point to ("/dev/umts_boot0": 1, ...).
+    std::map<std::string, int> open_handles();
+    std::string control(const std::string& command) { return modem_->control(command); }
+    VirtualModem& modem() { return *modem_; }
+
+    // ---- reading
+    std::string root() const { return work_ + "/root"; }
+    std::string read_file(const std::string& phone_path) const;
+    bool exists(const std::string& phone_path) const;
+    std::string kmsg() const { return read_file("/dev/kmsg"); }
+    std::string radio_log() const { return read_file("/dev/log/radio"); }
+    std::string main_log() const { return read_file("/dev/log/main"); }
+    std::optional<std::string> property(const std::string& name) const;
+    // Number of lines of both copies holding the message (each copy counted; -1 if they differ).
+    int count(const LogLine& line) const;
+    bool logged(const LogLine& line) const { return count(line) > 0; }
+
+    // ---- waiting (true when it came before the time-out)
+    bool wait_logged(const LogLine& line, Millis timeout = kWait, int times = 1);
+    bool wait_request(const std::string& name, Millis timeout = kWait);
+    bool wait_property(const std::string& name, const std::string& value, Millis timeout = kWait);
+
+  private:
+    std::string work_;
+    std::string partition_;
+    std::string nv_;
+    std::unique_ptr<VirtualModem> modem_;
+    Process vphone_;
+    pid_t rix_pid_ = -1;
+};
+
+// Polls `done` every 20 ms until it is true or `timeout` passed.
+template <typename F>
+bool eventually(F done, Millis timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (done()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(20ms);
+    }
+}
+
+}  // namespace systest
