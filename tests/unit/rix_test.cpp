@@ -1,0 +1,119 @@
+#include "rix_test.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "core/rix.h"
+#include "log/log.h"
+
+namespace {
+
+// The daemon reads the real "/proc/cmdline". The tests give it their own in
+// a private mount namespace: one file bind-mounted over it for the whole run,
+// rewritten in place by each test. This needs root; without it the tests
+// that depend on the command line fail loudly.
+const char kCmdlineFile[] = "/tmp/rix-unit-cmdline";
+
+class CmdlineEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override {
+        std::ofstream(kCmdlineFile) << "";
+        ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "unit tests need root for a private mount namespace";
+        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        ASSERT_EQ(mount(kCmdlineFile, "/proc/cmdline", nullptr, MS_BIND, nullptr), 0)
+            << "cannot bind a file over /proc/cmdline";
+    }
+};
+
+const auto* const kEnv = ::testing::AddGlobalTestEnvironment(new CmdlineEnvironment);
+
+}  // namespace
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void RixTest::SetUp() {
+    char tmpl[] = "/tmp/rix-unit-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    prop_dir_ = dir_ + "/props";
+    log_dir_ = dir_ + "/log";
+    std::filesystem::create_directory(prop_dir_);
+    std::filesystem::create_directory(log_dir_);
+    setenv("RIX_PROPERTY_DIR", prop_dir_.c_str(), 1);
+    setenv("RIX_LOG_DIR", log_dir_.c_str(), 1);
+    kmsg_capture_ = memfd_create("kmsg", MFD_CLOEXEC);
+    ASSERT_GE(kmsg_capture_, 0);
+    kmsg_fd = kmsg_capture_;
+    Container::reset();
+    debug_level = 0;
+    cp_debug = 0;
+    set_cmdline("");
+}
+
+void RixTest::TearDown() {
+    Container::reset();
+    kmsg_fd = 1;
+    close(kmsg_capture_);
+    std::filesystem::remove_all(dir_);
+}
+
+void RixTest::set_prop(const std::string& key, const std::string& value) {
+    std::ofstream(prop_dir_ + "/" + key, std::ios::binary) << value;
+}
+
+std::string RixTest::prop(const std::string& key) const {
+    std::string path = prop_dir_ + "/" + key;
+    return std::filesystem::exists(path) ? read_file(path) : "<unset>";
+}
+
+void RixTest::set_cmdline(const std::string& text) {
+    // Same inode: the bind mount keeps pointing at it.
+    std::ofstream(kCmdlineFile, std::ios::binary | std::ios::trunc) << text;
+}
+
+std::string RixTest::kmsg() const {
+    std::string out;
+    char buf[4096];
+    ssize_t n;
+    off_t off = 0;
+    while ((n = pread(kmsg_capture_, buf, sizeof(buf), off)) > 0) {
+        out.append(buf, n);
+        off += n;
+    }
+    return out;
+}
+
+std::string RixTest::radio() const { return read_file(log_dir_ + "/radio"); }
+
+std::string RixTest::main_log() const { return read_file(log_dir_ + "/main"); }
+
+void RixTest::clear_logs() {
+    ASSERT_EQ(ftruncate(kmsg_capture_, 0), 0);
+    ASSERT_EQ(lseek(kmsg_capture_, 0, SEEK_SET), 0);
+    std::filesystem::remove(log_dir_ + "/radio");
+    std::filesystem::remove(log_dir_ + "/main");
+}
+
+int RixTest::parse(const std::vector<std::string>& args) {
+    std::vector<std::string> storage = {"rix"};
+    storage.insert(storage.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& s : storage) {
+        argv.push_back(s.data());
+    }
+    argv.push_back(nullptr);
+    return Container::parseArgs(static_cast<int>(storage.size()), argv.data());
+}

@@ -1,0 +1,34 @@
+// Shared fixture of the unit tests: a private property directory and log
+// buffer directory, the kernel log copy captured in a file, a kernel command
+// line under the test's control, and the daemon's globals reset.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+class RixTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    void set_prop(const std::string& key, const std::string& value);
+    std::string prop(const std::string& key) const;  // "<unset>" when missing
+    void set_cmdline(const std::string& text);
+
+    std::string kmsg() const;   // everything the kernel log copy received
+    std::string radio() const;  // the Android radio log buffer
+    std::string main_log() const;
+    void clear_logs();
+
+    // Runs Container::parseArgs on "rix" followed by args.
+    int parse(const std::vector<std::string>& args);
+
+    std::string dir_;
+    std::string prop_dir_;
+    std::string log_dir_;
+    int kmsg_capture_ = -1;
+};
+
+std::string read_file(const std::string& path);
