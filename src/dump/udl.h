@@ -24,14 +24,24 @@ inline constexpr uint32_t kStageDump = 13;
 inline constexpr uint32_t kStageFinish = 15;
 
 // Word builders, exactly as the AP and the CP put them together.
-constexpr uint32_t stage_start_request(uint32_t stage) { return kRequest | (stage << 8) | kStart; }
+constexpr uint32_t stage_start_request(uint32_t stage) {
+    return kRequest | (stage << 8) | kStart;
+}
 constexpr uint32_t stage_start_response(uint32_t stage) {
     return kResponse | (stage << 8) | kStart;
 }
-constexpr uint32_t stage_done_request(uint32_t stage) { return kRequest | (stage << 8) | kDone; }
-constexpr uint32_t stage_done_response(uint32_t stage) { return kResponse | (stage << 8) | kDone; }
-constexpr uint32_t dump_step_request(uint32_t step) { return kRequest | (kStageDump << 8) | step; }
-constexpr uint32_t dump_step_command(uint32_t step) { return kResponse | (kStageDump << 8) | step; }
+constexpr uint32_t stage_done_request(uint32_t stage) {
+    return kRequest | (stage << 8) | kDone;
+}
+constexpr uint32_t stage_done_response(uint32_t stage) {
+    return kResponse | (stage << 8) | kDone;
+}
+constexpr uint32_t dump_step_request(uint32_t step) {
+    return kRequest | (kStageDump << 8) | step;
+}
+constexpr uint32_t dump_step_command(uint32_t step) {
+    return kResponse | (kStageDump << 8) | step;
+}
 
 static_assert(stage_done_request(kStageHandshake) == 0x900D);
 static_assert(stage_done_response(kStageHandshake) == 0xA00D);
