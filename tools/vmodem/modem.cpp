@@ -582,6 +582,7 @@ int64_t Modem::read_region(Message& m, uint8_t* buf, size_t len, bool& finished)
     if (settings_.region_zero_reads) {
         trace_.line("read dump REGION name=%s offset=%llu -> 0 zero-read", m.name.c_str(),
                     static_cast<unsigned long long>(m.done));
+        finished = false;
         return 0;
     }
     size_t n = static_cast<size_t>(
