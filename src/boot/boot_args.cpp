@@ -39,9 +39,13 @@ BootDumpQuoll::BootDumpQuoll() {
     memset(&dump_args_, 0, sizeof(dump_args_));
 }
 
-std_boot* BootDumpQuoll::getStdBoot() { return &boot_args_; }
+std_boot* BootDumpQuoll::getStdBoot() {
+    return &boot_args_;
+}
 
-std_dump* BootDumpQuoll::getStdDump() { return &dump_args_; }
+std_dump* BootDumpQuoll::getStdDump() {
+    return &dump_args_;
+}
 
 void BootDumpQuoll::setRixArgs(char* name) {
     LOGI("VM420 modem\n");

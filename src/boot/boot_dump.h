@@ -6,7 +6,7 @@
 #include "core/rix.h"
 
 class BootDump {
-public:
+  public:
     virtual ~BootDump() = default;
 
     virtual int boot() = 0;
@@ -42,7 +42,7 @@ public:
 };
 
 class BootDumpQuoll : public BootDump {
-public:
+  public:
     BootDumpQuoll();
 
     int boot() override;
@@ -57,7 +57,7 @@ public:
     int std_security_req(unsigned mode, unsigned param2, unsigned param3);
     void boot_wake_lock(int lock);
 
-private:
+  private:
     std_boot boot_args_;
     std_dump dump_args_;
 };

@@ -3,9 +3,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include "boot/boot_dump.h"
 #include "log/log.h"
 
@@ -65,21 +62,4 @@ int BootDump::get_modem_state(int fd) {
         close(own);
     }
     return state;
-}
-
-int BootDump::get_rfboard_disconnect() {
-    int fd = open(rix_args.boot_node, O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
-        LOGE("%s open fail(%s)\n", rix_args.boot_node, strerror(errno));
-        return fd;
-    }
-    int level = ioctl(fd, IOCTL_GET_RFBOARD_DISCONNECT);
-    if (level < 0) {
-        LOGE("IOCTL_GET_RFBOARD_DISCONNECT fail (%d)\n", level);
-    } else {
-        LOGI("RF sub board is %s, gpio_val:%d\n", level != 0 ? "disconnected" : "connected",
-             level);
-    }
-    close(fd);
-    return level;
 }

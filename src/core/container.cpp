@@ -17,9 +17,13 @@ BootDump* Container::bootDump = nullptr;
 Protocol* Container::protocol = nullptr;
 Srinfo* Container::srinfo = nullptr;
 
-std_boot* Container::getStdBoot() { return bootDump != nullptr ? bootDump->getStdBoot() : nullptr; }
+std_boot* Container::getStdBoot() {
+    return bootDump != nullptr ? bootDump->getStdBoot() : nullptr;
+}
 
-std_dump* Container::getStdDump() { return bootDump != nullptr ? bootDump->getStdDump() : nullptr; }
+std_dump* Container::getStdDump() {
+    return bootDump != nullptr ? bootDump->getStdDump() : nullptr;
+}
 
 void Container::reset() {
     delete bootDump;

@@ -43,7 +43,9 @@ void sleep_seconds(unsigned s) {
     }
 }
 
-BootDump* controller() { return Container::bootDump; }
+BootDump* controller() {
+    return Container::bootDump;
+}
 
 bool first_char_is_one(const char* key, const char* def) {
     char value[PROPERTY_VALUE_MAX] = {};

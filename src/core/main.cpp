@@ -1,3 +1,5 @@
 #include "core/daemon.h"
 
-int main(int argc, char** argv) { return rix_main(argc, argv); }
+int main(int argc, char** argv) {
+    return rix_main(argc, argv);
+}

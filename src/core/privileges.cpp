@@ -15,8 +15,8 @@ namespace {
 constexpr uid_t kRadioUid = 1001;
 
 // CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_ADMIN, CAP_SYS_BOOT.
-constexpr uint32_t kCapsLow = (1u << CAP_NET_ADMIN) | (1u << CAP_NET_RAW) |
-                              (1u << CAP_SYS_ADMIN) | (1u << CAP_SYS_BOOT);
+constexpr uint32_t kCapsLow =
+    (1u << CAP_NET_ADMIN) | (1u << CAP_NET_RAW) | (1u << CAP_SYS_ADMIN) | (1u << CAP_SYS_BOOT);
 // CAP_SYSLOG reads the kernel ring buffer; CAP_BLOCK_SUSPEND holds the wake
 // lock of the boot sequence.
 constexpr uint32_t kCapsHigh = (1u << (CAP_SYSLOG - 32)) | (1u << (CAP_BLOCK_SUSPEND - 32));

@@ -40,14 +40,22 @@ static_assert(offsetof(struct rix_args, daemon_mode) == 4);
 static_assert(offsetof(struct rix_args, modem_name) == 8);
 static_assert(offsetof(struct rix_args, dev_prefix) == 40);
 static_assert(offsetof(struct rix_args, boot_node) == 40 + sizeof(const char*));
-static_assert(offsetof(struct rix_args, boot_node_path) == offsetof(struct rix_args, boot_node) + kNodePathLen);
-static_assert(offsetof(struct rix_args, dump_node) == offsetof(struct rix_args, boot_node_path) + sizeof(char*));
-static_assert(offsetof(struct rix_args, partition_path) == offsetof(struct rix_args, dump_node) + kNodePathLen);
-static_assert(offsetof(struct rix_args, nv_data_path) == offsetof(struct rix_args, partition_path) + kPathLen);
-static_assert(offsetof(struct rix_args, nv_norm_path) == offsetof(struct rix_args, nv_data_path) + kPathLen);
-static_assert(offsetof(struct rix_args, nv_prot_path) == offsetof(struct rix_args, nv_norm_path) + kPathLen);
-static_assert(offsetof(struct rix_args, nv_temp_path) == offsetof(struct rix_args, nv_prot_path) + kPathLen);
-static_assert(offsetof(struct rix_args, last_stage) == offsetof(struct rix_args, nv_temp_path) + kPathLen);
+static_assert(offsetof(struct rix_args, boot_node_path) ==
+              offsetof(struct rix_args, boot_node) + kNodePathLen);
+static_assert(offsetof(struct rix_args, dump_node) ==
+              offsetof(struct rix_args, boot_node_path) + sizeof(char*));
+static_assert(offsetof(struct rix_args, partition_path) ==
+              offsetof(struct rix_args, dump_node) + kNodePathLen);
+static_assert(offsetof(struct rix_args, nv_data_path) ==
+              offsetof(struct rix_args, partition_path) + kPathLen);
+static_assert(offsetof(struct rix_args, nv_norm_path) ==
+              offsetof(struct rix_args, nv_data_path) + kPathLen);
+static_assert(offsetof(struct rix_args, nv_prot_path) ==
+              offsetof(struct rix_args, nv_norm_path) + kPathLen);
+static_assert(offsetof(struct rix_args, nv_temp_path) ==
+              offsetof(struct rix_args, nv_prot_path) + kPathLen);
+static_assert(offsetof(struct rix_args, last_stage) ==
+              offsetof(struct rix_args, nv_temp_path) + kPathLen);
 static_assert(offsetof(struct rix_args, toc_mode) == offsetof(struct rix_args, last_stage) + 4);
 static_assert(offsetof(struct rix_args, options) == offsetof(struct rix_args, toc_mode) + 4);
 
@@ -140,7 +148,7 @@ class Srinfo;
 // Static registry through which every part of the daemon reaches the one
 // controller, protocol object and silent-reset object.
 class Container {
-public:
+  public:
     Container() = delete;
 
     static int parseArgs(int argc, char** argv);

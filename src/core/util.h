@@ -4,7 +4,7 @@
 #include "boot/cpif.h"
 
 class Util {
-public:
+  public:
     Util() = delete;
 
     // Gives up root: radio user, only the capabilities the daemon needs.

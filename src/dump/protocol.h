@@ -8,7 +8,7 @@ enum operation {
 };
 
 class Protocol {
-public:
+  public:
     virtual ~Protocol() = default;
 
     virtual int std_boot_finish_handshake() = 0;
@@ -25,7 +25,7 @@ public:
 };
 
 class ProtocolTarn : public Protocol {
-public:
+  public:
     int std_boot_finish_handshake() override;
     int std_dump_receive_cp_dump() override;
     int std_reboot_system(const char* reason) override;

@@ -19,7 +19,9 @@ constexpr int32_t kDebugLevelMid = 0x4945;   // "IE"
 constexpr int32_t kDebugLevelHigh = 0x4948;  // "IH"
 
 // Character right after the key's '=' (the key itself ends with '=').
-char value_after_key(const char* token, const char* key) { return token[strlen(key)]; }
+char value_after_key(const char* token, const char* key) {
+    return token[strlen(key)];
+}
 
 // Looks a key up in a freshly zeroed buffer: the previous lookup split the
 // text in place.

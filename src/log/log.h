@@ -50,7 +50,7 @@ void rix_log(LogLevel level, LogCopy copy, const char* fn, const char* fmt, ...)
 #define LOGE_DUMP_AS(fn, ...) rix_log(LogLevel::Error, LogCopy::WithDumpLog, fn, __VA_ARGS__)
 
 class Log {
-public:
+  public:
     Log() = delete;
 
     // Closes the kernel log descriptor unless it is still standard output.

@@ -5,7 +5,7 @@
 #include "boot/cpif.h"
 
 class Srinfo {
-public:
+  public:
     virtual ~Srinfo() = default;
 
     virtual void store_srinfo(int fd) = 0;
@@ -16,7 +16,7 @@ public:
 };
 
 class SrinfoTarn : public Srinfo {
-public:
+  public:
     void store_srinfo(int fd) override;
     void restore_srinfo(int fd) override;
     srinfo_block* alloc_srinfo(unsigned int* len, int fd) override;

@@ -10,7 +10,7 @@
 namespace {
 
 class DebugSettingsTest : public RixTest {
-protected:
+  protected:
     // Zeroed before every lookup, as the daemon does.
     char* lookup(const char* key, unsigned size = 4096) {
         memset(buf_, 0, sizeof(buf_));
@@ -94,8 +94,7 @@ TEST_F(DebugSettingsTest, UndefinedLevelPropertyLetsCmdlineDecide) {
                      "<6>cpif: rix: check_debug_level: \"ro.boot.debug_level\", undefined "
                      "value=0x1\n"),
               std::string::npos);
-    EXPECT_NE(k.find("<6>cpif: rix: check_debug_level: pax_debug.level=2, 1\n"),
-              std::string::npos);
+    EXPECT_NE(k.find("<6>cpif: rix: check_debug_level: pax_debug.level=2, 1\n"), std::string::npos);
 }
 
 TEST_F(DebugSettingsTest, EnableKeyCountsOnlyWithoutLevelKey) {

@@ -14,7 +14,7 @@
 namespace {
 
 class LogTest : public RixTest {
-protected:
+  protected:
     std::string fd_text(int fd) {
         std::string out(4096, '\0');
         ssize_t n = pread(fd, out.data(), out.size(), 0);

@@ -8,7 +8,7 @@
 namespace {
 
 class RecordsTest : public RixTest {
-protected:
+  protected:
     void SetUp() override {
         RixTest::SetUp();
         ASSERT_EQ(parse({"-t", "vm420"}), 0);
@@ -29,8 +29,7 @@ TEST_F(RecordsTest, InitSetsDescriptorsAndIndexesToMinusOne) {
         EXPECT_EQ(fd, -1);
     }
     for (int32_t idx : {b->toc_idx_toc, b->toc_idx_boot, b->toc_idx_main, b->toc_idx_vss,
-                        b->toc_idx_nv_norm, b->toc_idx_nv_prot, b->toc_idx_nv,
-                        b->toc_idx_offset}) {
+                        b->toc_idx_nv_norm, b->toc_idx_nv_prot, b->toc_idx_nv, b->toc_idx_offset}) {
         EXPECT_EQ(idx, -1);
     }
     EXPECT_EQ(b->last_stage, 0u);

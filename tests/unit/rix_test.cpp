@@ -23,7 +23,7 @@ namespace {
 const char kCmdlineFile[] = "/tmp/rix-unit-cmdline";
 
 class CmdlineEnvironment : public ::testing::Environment {
-public:
+  public:
     void SetUp() override {
         std::ofstream(kCmdlineFile) << "";
         ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "unit tests need root for a private mount namespace";
@@ -96,9 +96,13 @@ std::string RixTest::kmsg() const {
     return out;
 }
 
-std::string RixTest::radio() const { return read_file(log_dir_ + "/radio"); }
+std::string RixTest::radio() const {
+    return read_file(log_dir_ + "/radio");
+}
 
-std::string RixTest::main_log() const { return read_file(log_dir_ + "/main"); }
+std::string RixTest::main_log() const {
+    return read_file(log_dir_ + "/main");
+}
 
 void RixTest::clear_logs() {
     ASSERT_EQ(ftruncate(kmsg_capture_, 0), 0);

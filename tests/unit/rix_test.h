@@ -9,7 +9,7 @@
 #include <vector>
 
 class RixTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override;
     void TearDown() override;
 
