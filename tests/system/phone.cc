@@ -103,13 +103,17 @@ void Phone::write_file(const std::string& phone_path, const std::string& content
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-void Phone::build_modem(const std::vector<std::string>& args) {
+void Phone::build_modem(const std::vector<std::string>& parts, const std::vector<std::string>& nv) {
     partition_ = work_ + "/modem.img";
     nv_ = work_ + "/nv_data.bin";
-    std::vector<std::string> argv = {MKMODEM_BIN, "--image", partition_, "--nv", nv_};
-    argv.insert(argv.end(), args.begin(), args.end());
-    int code = run(argv, work_ + "/mkmodem.out", 30s);
-    ASSERT_EQ(code, 0) << "mkmodem failed: " << read_host(work_ + "/mkmodem.out");
+    std::vector<std::string> image = {MKMODEM_BIN, "image", partition_};
+    image.insert(image.end(), parts.begin(), parts.end());
+    std::vector<std::string> nv_file = {MKMODEM_BIN, "nv", nv_};
+    nv_file.insert(nv_file.end(), nv.begin(), nv.end());
+    for (const auto& argv : {image, nv_file}) {
+        ASSERT_EQ(run(argv, work_ + "/mkmodem.out", 30s), 0)
+            << "mkmodem failed: " << read_host(work_ + "/mkmodem.out");
+    }
 }
 
 void Phone::start_modem(const std::string& scenario) {

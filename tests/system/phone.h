@@ -22,6 +22,11 @@ using Millis = std::chrono::milliseconds;
 
 inline constexpr Millis kWait = 10s;
 
+// A partition with every part a boot loads, and an NV file that fills its NV entry.
+inline const std::vector<std::string> kBootableParts = {
+    "TOC", "BOOT:size=70000", "MAIN:size=0x100000", "VSS:size=4096", "NV:size=0x10000", "OFFSET"};
+inline const std::vector<std::string> kValidNv = {"--total-size", "0xFFEE"};
+
 // One message of the daemon in its two copies.
 struct LogLine {
     std::string kernel;   // line in /dev/kmsg
@@ -50,8 +55,10 @@ class Phone : public ::testing::Test {
     void set_cmdline(const std::string& text);
     // Writes a file at a path of the phone ("/efs/factory.prop").
     void write_file(const std::string& phone_path, const std::string& content);
-    // Builds the partition image and the NV file with mkmodem; `args` are mkmodem's options.
-    void build_modem(const std::vector<std::string>& args = {});
+    // Builds the partition image and the NV file with mkmodem (its `image` parts and `nv`
+    // options); the defaults make a modem that boots.
+    void build_modem(const std::vector<std::string>& parts = kBootableParts,
+                     const std::vector<std::string>& nv = kValidNv);
     // Starts the virtual modem with the scenario text.
     void start_modem(const std::string& scenario = "");
     // Starts rix with `args` inside vphone.

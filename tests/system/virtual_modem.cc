@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -92,20 +93,14 @@ int connect_to(const std::string& path) {
 }  // namespace
 
 bool parse_trace_request(const std::string& line, std::string& name) {
-    std::string token;
+    // "ioctl NODE NAME [args] -> RESULT [detail]"; unknown codes show as hex, not a name.
     std::istringstream words(line);
-    while (words >> token) {
-        auto end = token.find_first_of("(:=,");
-        token = token.substr(0, end);
-        if (token.rfind("IOCTL_", 0) == 0) {
-            token = token.substr(6);
-        }
-        if (kRequestNames.count(token)) {
-            name = token;
-            return true;
-        }
+    std::string kind, node, token;
+    if (!(words >> kind >> node >> token) || kind != "ioctl" || !kRequestNames.count(token)) {
+        return false;
     }
-    return false;
+    name = token;
+    return true;
 }
 
 VirtualModem::VirtualModem(std::string binary, std::string dir)
@@ -114,12 +109,13 @@ VirtualModem::VirtualModem(std::string binary, std::string dir)
 void VirtualModem::start(const std::string& scenario) {
     fs::create_directories(mount_dir());
     const std::string scenario_path = dir_ + "/scenario";
+    const std::string ready = dir_ + "/ready";
     std::ofstream(scenario_path) << scenario;
-    process_.start({binary_, "--scenario", scenario_path, "--control", control_socket(dir_),
-                    "--trace", trace_path(), mount_dir()},
+    process_.start({binary_, "--mount", mount_dir(), "--scenario", scenario_path, "--control",
+                    control_socket(dir_), "--trace", trace_path(), "--ready-file", ready},
                    output_path());
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!(mounted(mount_dir()) && fs::exists(control_socket(dir_)))) {
+    while (!fs::exists(ready)) {
         if (!process_.running()) {
             throw std::runtime_error("vmodem ended at start (exit " +
                                      std::to_string(process_.exit_code().value_or(-1)) +
@@ -156,6 +152,23 @@ std::string VirtualModem::control(const std::string& command) const {
     }
     close(fd);
     return reply;
+}
+
+std::map<std::string, int> VirtualModem::handles() const {
+    std::string reply = control("query handles");
+    if (reply.rfind("ok", 0) != 0) {
+        throw std::runtime_error("vmodem: query handles: " + reply);
+    }
+    std::map<std::string, int> out;
+    std::istringstream fields(reply.substr(2));
+    std::string field;
+    while (fields >> field) {
+        auto eq = field.find('=');
+        if (eq != std::string::npos) {
+            out[field.substr(0, eq)] = std::stoi(field.substr(eq + 1));
+        }
+    }
+    return out;
 }
 
 void VirtualModem::hang_up(int state) const {

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,8 @@ class VirtualModem {
 
     // Sends one control command and returns the reply (without the final line feed).
     std::string control(const std::string& command) const;
+    // Open descriptors per node as the driver counts them: {"boot": N, "dump": N, "memshare": N}.
+    std::map<std::string, int> handles() const;
     // Makes GET_MODEM_STATE answer `state` and wakes the boot node's pollers with POLLHUP.
     void hang_up(int state) const;
 
