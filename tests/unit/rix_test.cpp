@@ -21,6 +21,8 @@ namespace {
 // rewritten in place by each test. This needs root; without it the tests
 // that depend on the command line fail loudly.
 const char kCmdlineFile[] = "/tmp/rix-unit-cmdline";
+const char* const kPhoneDirs[] = {"/data", "/efs", "/mnt/vendor", "/sys/power",
+                                  "/sys/devices/platform"};
 
 class CmdlineEnvironment : public ::testing::Environment {
   public:
@@ -30,6 +32,13 @@ class CmdlineEnvironment : public ::testing::Environment {
         ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
         ASSERT_EQ(mount(kCmdlineFile, "/proc/cmdline", nullptr, MS_BIND, nullptr), 0)
             << "cannot bind a file over /proc/cmdline";
+        // The phone paths the daemon opens get empty file systems of their
+        // own, so no test ever touches the host's.
+        for (const char* dir : kPhoneDirs) {
+            std::error_code ec;
+            std::filesystem::create_directories(dir, ec);
+            ASSERT_EQ(mount("tmpfs", dir, "tmpfs", 0, "mode=0755"), 0) << dir;
+        }
     }
 };
 
@@ -61,6 +70,13 @@ void RixTest::SetUp() {
     debug_level = 0;
     cp_debug = 0;
     set_cmdline("");
+    for (const char* dir : kPhoneDirs) {
+        for (const auto& e : std::filesystem::directory_iterator(dir)) {
+            std::filesystem::remove_all(e.path());
+        }
+    }
+    std::ofstream("/sys/power/wake_lock") << "";
+    std::ofstream("/sys/power/wake_unlock") << "";
 }
 
 void RixTest::TearDown() {

@@ -1,6 +1,8 @@
 // Shared fixture of the unit tests: a private property directory and log
 // buffer directory, the kernel log copy captured in a file, a kernel command
-// line under the test's control, and the daemon's globals reset.
+// line under the test's control, the daemon's globals reset, and empty
+// phone directories (/data, /efs, /mnt/vendor, /sys/power with wake_lock and
+// wake_unlock, /sys/devices/platform) private to the test process.
 #pragma once
 
 #include <gtest/gtest.h>
