@@ -79,7 +79,7 @@ void Phone::TearDown() {
         std::cerr << "phone kept for inspection: " << work_ << "\n"
                   << "  root: " << root() << " (dev/kmsg, dev/log/radio, dev/__properties__)\n"
                   << "  vmodem trace: " << modem_->trace_path() << "\n"
-                  << "  rix/vphone output: " << work_ << "/vphone.out\n";
+                  << "  rix/vphone output: " << output_path() << "\n";
         return;
     }
     std::error_code ec;
@@ -121,6 +121,15 @@ void Phone::start_modem(const std::string& scenario) {
 }
 
 void Phone::start_rix(const std::vector<std::string>& args, const Sandbox& sandbox) {
+    // The daemon must sit inside the root: the build tree is not mounted there.
+    fs::create_directories(root() + "/system/bin");
+    fs::copy_file(RIX_BIN, root() + "/system/bin/rix", fs::copy_options::overwrite_existing);
+    std::vector<std::string> command = {"/system/bin/rix"};
+    command.insert(command.end(), args.begin(), args.end());
+    start_in_phone(command, sandbox);
+}
+
+void Phone::start_in_phone(const std::vector<std::string>& command, const Sandbox& sandbox) {
     std::vector<std::string> argv = {VPHONE_BIN, "--root", root(), "--pid-file",
                                      work_ + "/rix.pid"};
     if (modem_->running()) {
@@ -138,13 +147,13 @@ void Phone::start_rix(const std::vector<std::string>& args, const Sandbox& sandb
     if (!sandbox.faketime.empty()) {
         argv.insert(argv.end(), {"--faketime", sandbox.faketime});
     }
-    // The daemon lives at the same path inside: /usr and /work are not both mounted, so copy.
-    fs::create_directories(root() + "/system/bin");
-    fs::copy_file(RIX_BIN, root() + "/system/bin/rix", fs::copy_options::overwrite_existing);
     argv.push_back("--");
-    argv.push_back("/system/bin/rix");
-    argv.insert(argv.end(), args.begin(), args.end());
-    vphone_.start(argv, work_ + "/vphone.out");
+    argv.insert(argv.end(), command.begin(), command.end());
+    vphone_.start(argv, output_path());
+}
+
+std::string Phone::output() const {
+    return read_host(output_path());
 }
 
 pid_t Phone::rix_pid() {

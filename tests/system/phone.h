@@ -63,9 +63,13 @@ class Phone : public ::testing::Test {
     void start_modem(const std::string& scenario = "");
     // Starts rix with `args` inside vphone.
     void start_rix(const std::vector<std::string>& args, const Sandbox& sandbox = {});
+    // Starts any command (a path inside the phone) in vphone, as start_rix does.
+    void start_in_phone(const std::vector<std::string>& command, const Sandbox& sandbox = {});
 
     // ---- while it runs
     bool rix_running() { return vphone_.running(); }
+    // Sends `sig` to vphone and returns its exit status (killed after 3 s).
+    int stop_phone(int sig) { return vphone_.stop(sig, 3s); }
     // The exit status of vphone, which is the daemon's own; nothing on time-out.
     std::optional<int> wait_exit(Millis timeout = kWait) { return vphone_.wait(timeout); }
     // The daemon's host pid (waits for vphone to report it).
@@ -84,6 +88,9 @@ class Phone : public ::testing::Test {
     std::string kmsg() const { return read_file("/dev/kmsg"); }
     std::string radio_log() const { return read_file("/dev/log/radio"); }
     std::string main_log() const { return read_file("/dev/log/main"); }
+    // What vphone and the command printed on stdout and stderr.
+    std::string output() const;
+    std::string output_path() const { return work_ + "/vphone.out"; }
     std::optional<std::string> property(const std::string& name) const;
     // Number of lines of both copies holding the message (each copy counted; -1 if they differ).
     int count(const LogLine& line) const;
