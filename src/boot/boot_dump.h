@@ -58,6 +58,8 @@ class BootDumpQuoll : public BootDump {
     void boot_wake_lock(int lock);
 
   private:
+    int boot_prepared();
+
     std_boot boot_args_;
     std_dump dump_args_;
 };

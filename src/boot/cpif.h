@@ -39,6 +39,28 @@ static_assert(offsetof(cp_image, b_offset) == 16);
 static_assert(offsetof(cp_image, mode) == 20);
 static_assert(offsetof(cp_image, len) == 24);
 
+// The `mode` word of IOCTL_CHECK_SECURITY.
+enum security_mode : uint32_t {
+    SECURITY_MODE_BOOT_MAIN = 0,    // BOOT and MAIN sizes
+    SECURITY_MODE_DUMP = 1,         // the dump boot loader
+    SECURITY_MODE_NON_SECURE = 2,   // before anything is loaded
+    SECURITY_MODE_TOC_VSS = 7,      // TOC or VSS: m_off and size of that part
+    SECURITY_MODE_VSS_VERIFY = 12,  // VSS, always verified
+};
+
+// Results of IOCTL_CHECK_SECURITY that mean the secure check of the boot
+// failed, compared as signed 32-bit values.
+inline constexpr int32_t kSecureBootFailCodes[] = {
+    static_cast<int32_t>(0xCAE20020),
+    static_cast<int32_t>(0xD5D50F01),
+    static_cast<int32_t>(0xFDAB0003),
+    static_cast<int32_t>(0xFEED0002),
+    0x00050E00,
+    0x00050F01,
+    0x00FEED02,
+    0x00FEED04,
+};
+
 // Argument of IOCTL_CHECK_SECURITY; param4 is always 0.
 struct security_req_args {
     uint32_t mode;
