@@ -153,6 +153,29 @@ int open_pid_file(const std::string& path) {
     return fd;
 }
 
+// Forks the sandbox's init into a new PID namespace. This process goes back to its own
+// namespace for later children: once init is gone, a fork in the dead namespace would fail
+// (LeakSanitizer forks at exit, for one).
+pid_t fork_init(const vphone::Options& o, int pid_fd) {
+    int own = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
+    if (own < 0 || unshare(CLONE_NEWPID) != 0) {
+        die(std::string("cannot create a PID namespace: ") + std::strerror(errno));
+    }
+    pid_t init = fork();
+    if (init < 0) {
+        die(std::string("fork: ") + std::strerror(errno));
+    }
+    if (init == 0) {
+        close(own);
+        run_init(o, pid_fd);
+    }
+    if (setns(own, CLONE_NEWPID) != 0) {
+        die(std::string("cannot return to the host PID namespace: ") + std::strerror(errno));
+    }
+    close(own);
+    return init;
+}
+
 void remove_mount_points(const std::vector<std::string>& paths) {
     for (const auto& path : paths) {
         unlink(path.c_str());
@@ -172,16 +195,7 @@ int main(int argc, char** argv) {
         die(std::string("cannot lay out the phone root: ") + e.what());
     }
     int pid_fd = open_pid_file(o.pid_file);
-    if (unshare(CLONE_NEWPID) != 0) {
-        die(std::string("cannot create a PID namespace: ") + std::strerror(errno));
-    }
-    pid_t init = fork();
-    if (init < 0) {
-        die(std::string("fork: ") + std::strerror(errno));
-    }
-    if (init == 0) {
-        run_init(o, pid_fd);
-    }
+    pid_t init = fork_init(o, pid_fd);
     if (pid_fd >= 0) {
         close(pid_fd);
     }
