@@ -2,6 +2,11 @@
 // after the next successful boot, with a rotating hex log.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
 #include "boot/cpif.h"
 
 class Srinfo {
@@ -22,3 +27,50 @@ class SrinfoTarn : public Srinfo {
     srinfo_block* alloc_srinfo(unsigned int* len, int fd) override;
     int write_srinfo_file(int fd, char* data, unsigned int len) override;
 };
+
+// Room in the block's data, and where the crash-info text starts in it.
+inline constexpr size_t kSrinfoDataLen = sizeof(srinfo_block::data);
+inline constexpr size_t kSrinfoTextOffset = 16;
+// A block shorter than this cannot hold its marker word.
+inline constexpr size_t kSrinfoMinLen = kSrinfoMarkerOffset + sizeof(uint32_t);
+// The hex log is moved to its backup when it is found larger than this.
+inline constexpr off_t kSrinfoLogLimit = 0x10000;
+inline constexpr size_t kSrinfoPathLen = 64;
+// One hex row: "oooo:" + four words + a blank + 16 characters + line feed.
+inline constexpr size_t kSrinfoRowLen = 5 + 4 * 9 + 16 + 1;
+inline constexpr const char kSrinfoErrDir[] = "/data/vendor/log/rix/err";
+
+// The steps of a store and a restore, each on a block already in memory, so
+// that they can be driven without the driver.
+
+// Bounds the driver's len to the room in data, copies it to *len and checks
+// the marker word. False (logged) when the block is not a crash-info block.
+bool srinfo_check_block(srinfo_block* block, unsigned int* len);
+
+// Bytes of crash-info text: from data offset 16 through the first '}', or to
+// the end of the valid bytes when there is none; 0 when no text is valid.
+size_t srinfo_text_len(const srinfo_block* block);
+
+// Formats the row at data offset off into out (kSrinfoRowLen bytes, no
+// terminator). Bytes at or past len, which must not exceed the room in
+// data, show as zero.
+size_t srinfo_hex_row(char* out, const uint8_t* data, size_t len, size_t off);
+
+// Builds the last file's path into path (kSrinfoPathLen bytes) and tells
+// whether a block already waits there to be handed back.
+bool check_srinfo_last(char* path);
+
+// Creates the last file and positions it at its start: a descriptor, or the
+// negative result of the failing call (logged).
+int create_srinfo_last(char* path);
+
+// Writes the crash-info text to the last file and flushes it; the write's
+// result.
+ssize_t write_srinfo_last(int fd, const srinfo_block* block);
+
+// Opens an existing last file at its start: a descriptor or a negative result.
+int open_srinfo_last(char* path);
+
+// Reads the last file into a new block whose data holds the text and whose
+// len counts it; null (logged) when there is nothing to hand back.
+srinfo_block* read_srinfo_last(int fd);
