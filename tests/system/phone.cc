@@ -233,6 +233,29 @@ bool Phone::wait_request(const std::string& name, Millis timeout) {
     return eventually([&] { return !modem_->requests(name).empty(); }, timeout);
 }
 
+bool Phone::wait_trace(const std::string& prefix, Millis timeout) {
+    return eventually(
+        [&] {
+            std::istringstream lines(modem_->trace());
+            std::string line;
+            while (std::getline(lines, line)) {
+                if (line.rfind(prefix, 0) == 0) {
+                    return true;
+                }
+            }
+            return false;
+        },
+        timeout);
+}
+
+bool Phone::wait_kmsg(const std::string& line, Millis timeout) {
+    return eventually([&] { return count_lines(kmsg(), line) > 0; }, timeout);
+}
+
+bool Phone::wait_radio(const std::string& line, Millis timeout) {
+    return eventually([&] { return count_lines(radio_log(), line) > 0; }, timeout);
+}
+
 bool Phone::wait_property(const std::string& name, const std::string& value, Millis timeout) {
     return eventually([&] { return property(name) == value; }, timeout);
 }

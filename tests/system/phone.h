@@ -99,6 +99,11 @@ class Phone : public ::testing::Test {
     // ---- waiting (true when it came before the time-out)
     bool wait_logged(const LogLine& line, Millis timeout = kWait, int times = 1);
     bool wait_request(const std::string& name, Millis timeout = kWait);
+    // A trace line that begins with `prefix` ("event hangup state=4", "write boot 0x0000900D").
+    bool wait_trace(const std::string& prefix, Millis timeout = kWait);
+    // One copy only: a whole line of /dev/kmsg or of /dev/log/radio.
+    bool wait_kmsg(const std::string& line, Millis timeout = kWait);
+    bool wait_radio(const std::string& line, Millis timeout = kWait);
     bool wait_property(const std::string& name, const std::string& value, Millis timeout = kWait);
 
   private:
