@@ -42,3 +42,66 @@ TEST_F(StatusLoop, UnknownStateIsLoggedAndTheLoopWaitsAgain) {
 
 }  // namespace
 }  // namespace systest
+
+namespace systest {
+namespace {
+
+// CP_DEBUG_NOBOOT at a debug level above DBG_LOW: the daemon skips the boot and goes
+// straight to the status loop, which makes the loop reachable without a booted modem.
+class StatusLoopWithoutBoot : public Phone {
+  protected:
+    void start_waiting() {
+        start_modem();
+        set_cmdline("pax_debug.level=1 pax_debug.cp=3");
+        start_rix({"-d", "-t", "vm420"});
+        ASSERT_TRUE(wait_logged(kWaiting)) << radio_log();
+        ASSERT_EQ(count(info("main", "CP_DEBUG NOBOOT")), 1);
+    }
+};
+
+TEST_F(StatusLoopWithoutBoot, UnknownStateIsOneEventAndTheLoopWaitsAgain) {
+    start_waiting();
+    const LogLine event = info("status_loop", "get event 4");
+    const LogLine unknown = info("status_loop", "unknown Modem status");
+    modem().hang_up(4);
+    ASSERT_TRUE(wait_logged(unknown)) << radio_log();
+    std::this_thread::sleep_for(300ms);
+    // A driver raises POLLHUP for a state change; if the modem kept it raised, this loop would
+    // re-read the state without end.
+    EXPECT_EQ(count(event), 1) << "one hang-up must be read once";
+    EXPECT_EQ(count(unknown), 1);
+    EXPECT_EQ(count(info("status_loop", "status loop exit")), 0);
+    EXPECT_EQ(property("vendor.rix.cp_reset"), "1");
+    EXPECT_EQ(property("vendor.rix.boot_done"), "1");
+    EXPECT_TRUE(rix_running());
+}
+
+TEST_F(StatusLoopWithoutBoot, ShutdownSeenAtAnEventPowersOffAndIsRecorded) {
+    start_waiting();
+    set_property("sys.shutdown.requested", "1");
+    modem().hang_up(4);
+    ASSERT_TRUE(wait_logged(info("status_loop", "shutdown"))) << radio_log();
+    EXPECT_EQ(count(info("status_loop", "deviceOff = 1")), 2)
+        << "logged once when read and once more before the power-off";
+    ASSERT_TRUE(wait_property("vendor.rix.deviceOffRes", "1"));
+    EXPECT_EQ(modem().requests("POWER_OFF").size(), 1u) << modem().trace();
+    EXPECT_EQ(count(info("status_loop", "get event 4")), 0) << "the state is not acted on";
+    std::this_thread::sleep_for(1s);
+    EXPECT_TRUE(rix_running()) << "the daemon must sleep for ever after the power-off";
+}
+
+TEST_F(StatusLoopWithoutBoot, CrashResetWithACpDebugOptionEndsTheLoopAndStartsOver) {
+    start_waiting();
+    modem().control("crash_reset");
+    ASSERT_TRUE(wait_logged(info("status_loop", "status loop exit"))) << radio_log();
+    EXPECT_EQ(count(info("status_loop", "get event 1")), 1);
+    EXPECT_EQ(count(info("status_loop", "STATE_CRASH_RESET, wait onrestart by rild")), 0)
+        << "a CP debug option ends the loop at once";
+    // The cycle end waits 1 s, then the next cycle skips the boot again and waits anew.
+    ASSERT_TRUE(wait_logged(kWaiting, 5s, 2)) << radio_log();
+    EXPECT_EQ(count(info("main", "CP_DEBUG NOBOOT")), 2);
+    EXPECT_EQ(property("vendor.rix.cp_reset"), "2");
+}
+
+}  // namespace
+}  // namespace systest
