@@ -89,7 +89,10 @@ void Phone::TearDown() {
 void Phone::set_property(const std::string& name, const std::string& value) {
     const std::string dir = root() + "/dev/__properties__";
     fs::create_directories(dir);
-    std::ofstream(dir + "/" + name, std::ios::binary | std::ios::trunc) << value;
+    // As the platform does: a reader sees the old value or the new one, never a part.
+    const std::string tmp = dir + "/." + name + ".test";
+    std::ofstream(tmp, std::ios::binary | std::ios::trunc) << value;
+    fs::rename(tmp, dir + "/" + name);
 }
 
 void Phone::set_cmdline(const std::string& text) {

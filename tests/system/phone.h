@@ -50,7 +50,7 @@ class Phone : public ::testing::Test {
     void SetUp() override;
     void TearDown() override;
 
-    // ---- before the start
+    // ---- before the start (a property may also be changed while the daemon runs)
     void set_property(const std::string& name, const std::string& value);
     void set_cmdline(const std::string& text);
     // Writes a file at a path of the phone ("/efs/factory.prop").
