@@ -85,6 +85,11 @@ void BootDump::std_boot_close_args() {
     std_boot_init_args();
 }
 
+int BootDump::std_boot_node_fd() {
+    std_boot* b = getStdBoot();
+    return never_opened(&b->fd, kBootDescriptors) ? -1 : b->fd;
+}
+
 void BootDump::std_dump_init_args() {
     std_dump* d = getStdDump();
     memset(d, 0, sizeof(*d));

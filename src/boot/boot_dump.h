@@ -39,6 +39,10 @@ class BootDump {
     virtual int std_dump_write_versions();
     virtual void std_boot_init_args();
     virtual void std_dump_init_args();
+
+    // The boot record's boot-node descriptor, or -1 while the record is
+    // still the constructor's zero-fill (no boot was ever prepared).
+    int std_boot_node_fd();
 };
 
 class BootDumpQuoll : public BootDump {
@@ -59,6 +63,7 @@ class BootDumpQuoll : public BootDump {
 
   private:
     int boot_prepared();
+    int dump_attempt();
 
     std_boot boot_args_;
     std_dump dump_args_;
