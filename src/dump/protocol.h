@@ -2,7 +2,9 @@
 // nodes. One object exists, reached through Container::protocol.
 #pragma once
 
-enum operation {
+// A fixed underlying type: any value other than OPERATION_BOOT is a valid
+// selector of the dump node.
+enum operation : int {
     OPERATION_BOOT = 0,
     OPERATION_DUMP = 1,
 };
