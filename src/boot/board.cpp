@@ -72,7 +72,8 @@ int ProtocolTarn::get_factory_prop() {
     if (ret < 0) {
         LOGE("%s read fail\n", kFactoryProp);
     } else if (const char* eq = strchr(text, '='); eq != nullptr) {
-        ret = eq[1] - '0';
+        // The byte as it is, on every platform's char signedness.
+        ret = static_cast<unsigned char>(eq[1]) - '0';
         LOGI("sim_count: %d\n", ret);
     } else {
         LOGI("can't find token!\n");

@@ -57,7 +57,11 @@ TEST_F(BoardTest, CountsOutsideOneToFourAreLoggedButNotWritten) {
         const char* text;
         int count;
     } cases[] = {
-        {"sim=5", 5}, {"sim=0", 0}, {"sim=x", 'x' - '0'}, {"sim=", -48},  // the NUL after the '='
+        {"sim=5", 5},
+        {"sim=0", 0},
+        {"sim=x", 'x' - '0'},
+        {"sim=", -48},             // the NUL after the '='
+        {"sim=\xff", 0xff - '0'},  // a byte, whatever the signedness of char
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
