@@ -2,6 +2,7 @@
 // hex log receive, the rotation of the log, and the hand-back of the text.
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -538,6 +539,54 @@ TEST_F(SrinfoTest, FailedHandBackKeepsTheLastFile) {
               "<3>cpif: rix: (ERR! Inappropriate ioctl for device) restore_srinfo: ioctl fail - "
               "Set srinfo(-1)\n");
     EXPECT_EQ(file_text(kLast), "//JVER x}");
+}
+
+}  // namespace
+
+namespace {
+
+// The phone's group database, with the group "log", over the host's for one
+// test (the tests run in a mount namespace of their own).
+class WithLogGroup {
+  public:
+    explicit WithLogGroup(const std::string& dir) {
+        const std::string file = dir + "/group";
+        std::ofstream(file) << "root:x:0:\nlog:x:1007:\n";
+        mounted_ = mount(file.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) == 0;
+    }
+    ~WithLogGroup() {
+        if (mounted_) {
+            umount2("/etc/group", MNT_DETACH);
+        }
+    }
+    bool mounted() const { return mounted_; }
+
+  private:
+    bool mounted_ = false;
+};
+
+gid_t gid_of(const char* path) {
+    struct stat st;
+    EXPECT_EQ(stat(path, &st), 0) << path;
+    return st.st_gid;
+}
+
+TEST_F(SrinfoTest, HexLogBelongsToGroupLogAlsoAfterRotation) {
+    WithLogGroup group(dir_);
+    ASSERT_TRUE(group.mounted());
+    make_parent();
+    DriverStandIn s;
+    s.store_srinfo(3);
+    EXPECT_EQ(gid_of(kHex), 1007u);
+    EXPECT_EQ(gid_of(kLast), 0u);  // the last file is not the log group's
+
+    std::filesystem::remove(kLast);
+    ASSERT_EQ(chown(kHex, 0, 0), 0);
+    std::filesystem::resize_file(kHex, 65537);
+    s.store_srinfo(3);
+    EXPECT_TRUE(exists(kBak));
+    EXPECT_EQ(gid_of(kHex), 1007u);
+    EXPECT_EQ(mode_of(kHex), 0664u);
 }
 
 }  // namespace
