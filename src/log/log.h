@@ -30,6 +30,13 @@ inline constexpr size_t kLogDirLen = 512;
 extern char log_dir[kLogDirLen];
 inline constexpr const char kLogDir[] = "/data/vendor/log/rix";
 
+// One kernel ring-buffer capture: bit 0 of flags asks for a time-stamped
+// file name; name is the file's base name.
+struct save_logs_args {
+    int32_t flags;
+    char name[64];
+};
+
 enum class LogLevel { Info, Error };
 enum class LogCopy { TwoCopies, WithDumpLog };
 
