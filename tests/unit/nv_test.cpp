@@ -176,6 +176,10 @@ TEST_F(NvTest, DataCheckRefusesWhatDoesNotFit) {
     odd_no_check.resize(20);  // data and pad only
     EXPECT_FALSE(data_check(odd_no_check));
     EXPECT_TRUE(contains("TotalSize:3, nvSize:20\n"));
+    clear_logs();
+    odd_no_check.push_back('\x04');  // half a check value after the pad
+    EXPECT_FALSE(data_check(odd_no_check));
+    EXPECT_TRUE(contains("TotalSize:3, nvSize:21\n"));
 
     // An image longer than 1 MiB is never summed, even when it is valid.
     clear_logs();
