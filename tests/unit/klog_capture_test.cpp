@@ -1,0 +1,417 @@
+// Kernel ring-buffer captures: file name, content, mode and group, the
+// synchronous and the threaded form, and every way a capture can fail.
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/klog.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log/log.h"
+#include "rix_test.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kDir = "/data/vendor/log/rix";
+constexpr gid_t kLogGid = 1007;
+
+std::string stamp_of(time_t t) {
+    struct tm local;
+    localtime_r(&t, &local);
+    char out[20];
+    strftime(out, sizeof(out), "%Y%m%d%H%M_%S", &local);
+    return out;
+}
+
+// The file name a capture started at time t would get.
+std::string path_at(const std::string& name, time_t t) {
+    return kDir + "/" + name + "_" + stamp_of(t) + ".log";
+}
+
+// Capture files of one name, as the log directory holds them now.
+std::vector<std::string> captures(const std::string& name) {
+    std::vector<std::string> out;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(kDir, ec)) {
+        const std::string file = e.path().filename();
+        if (file.rfind(name + "_", 0) == 0) {
+            out.push_back(e.path());
+        }
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+bool wait_until(const std::function<bool()>& done, int ms = 5000) {
+    for (int waited = 0; waited < ms; waited += 10) {
+        if (done()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return done();
+}
+
+// Puts a line of our own into the kernel ring buffer.
+std::string ring_marker(const std::string& tag) {
+    const std::string text =
+        "rix-unit " + tag + " " + std::to_string(getpid()) + " " + std::to_string(time(nullptr));
+    std::ofstream("/dev/kmsg") << text << "\n";
+    return text;
+}
+
+int ring_size() {
+    static char buf[512 * 1024];
+    return klogctl(3, buf, sizeof(buf));
+}
+
+// Each capture file of the test is one of the names for the seconds around
+// it; the test prepares all of them so the capture meets its own.
+std::vector<std::string> names_around_now(const std::string& name) {
+    const time_t now = time(nullptr);
+    std::vector<std::string> out;
+    for (time_t t = now; t <= now + 3; ++t) {
+        out.push_back(path_at(name, t));
+    }
+    return out;
+}
+
+// A group database of the test's own with a "log" group, over /etc/group.
+class LogGroup {
+  public:
+    LogGroup() {
+        std::ofstream(file_) << "root:x:0:\nlog:x:" << kLogGid << ":\n";
+        mounted_ = mount(file_.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) == 0;
+    }
+    ~LogGroup() {
+        if (mounted_) {
+            umount2("/etc/group", MNT_DETACH);
+        }
+        unlink(file_.c_str());
+    }
+    bool mounted() const { return mounted_; }
+
+  private:
+    std::string file_ = "/tmp/rix-unit-group-" + std::to_string(getpid());
+    bool mounted_ = false;
+};
+
+class KlogCaptureTest : public RixTest {
+  protected:
+    void SetUp() override {
+        RixTest::SetUp();
+        old_umask_ = umask(002);
+        // The phone has the parent; the capture makes only the last level.
+        fs::create_directories("/data/vendor/log");
+    }
+    void TearDown() override {
+        umask(old_umask_);
+        RixTest::TearDown();
+    }
+
+    std::string save(const std::string& name) {
+        std::string copy = name;
+        Log::save_logs(1, copy.data());
+        return kmsg();
+    }
+
+    static std::string path_line(const std::string& path) {
+        return "<6>cpif: rix: _save_logs: " + path + "\n";
+    }
+
+    mode_t old_umask_ = 0;
+};
+
+TEST_F(KlogCaptureTest, SynchronousCaptureIsRingTextAndOneZeroByte) {
+    LogGroup group;
+    ASSERT_TRUE(group.mounted());
+    const std::string marker = ring_marker("sync");
+    const time_t before = time(nullptr);
+    // The synchronous form does not look at the debug level.
+    debug_level = DBG_LOW;
+    const std::string log = save("cpcrash_umts_klog_before");
+    const time_t after = time(nullptr);
+
+    const auto files = captures("cpcrash_umts_klog_before");
+    ASSERT_EQ(files.size(), 1u);
+    const std::string path = files[0];
+    std::set<std::string> expected;
+    for (time_t t = before; t <= after; ++t) {
+        expected.insert(path_at("cpcrash_umts_klog_before", t));
+    }
+    EXPECT_TRUE(expected.count(path)) << path;
+    EXPECT_TRUE(std::regex_match(path, std::regex(kDir + "/cpcrash_umts_klog_before_"
+                                                         "[0-9]{12}_[0-9]{2}\\.log")));
+
+    const std::string content = read_file(path);
+    ASSERT_FALSE(content.empty());
+    EXPECT_EQ(std::count(content.begin(), content.end(), '\0'), 1);
+    EXPECT_EQ(content.back(), '\0');
+    EXPECT_NE(content.find(marker), std::string::npos);
+
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0660u);
+    EXPECT_EQ(st.st_gid, kLogGid);
+
+    EXPECT_NE(log.find("<6>cpif: rix: _save_logs: save dmesg begin...\n" + path_line(path)),
+              std::string::npos)
+        << log;
+}
+
+TEST_F(KlogCaptureTest, ExistingFileIsAppendedNeverTruncated) {
+    fs::create_directories(kDir);
+    const auto prepared = names_around_now("rix_only_umts");
+    for (const auto& p : prepared) {
+        std::ofstream(p) << "EARLIER\n";
+    }
+    save("rix_only_umts");
+    int grown = 0;
+    for (const auto& p : prepared) {
+        const std::string content = read_file(p);
+        ASSERT_EQ(content.rfind("EARLIER\n", 0), 0u) << p;
+        if (content.size() > 8) {
+            ++grown;
+            EXPECT_EQ(std::count(content.begin(), content.end(), '\0'), 1);
+            EXPECT_EQ(content.back(), '\0');
+        }
+    }
+    EXPECT_EQ(grown, 1);
+
+    // Two captures of the same name within one second share the file. The
+    // second may fall into the next second; then try again under a new name.
+    bool shared = false;
+    for (int attempt = 0; attempt < 3 && !shared; ++attempt) {
+        const std::string name = "cp_boot_umts" + std::to_string(attempt);
+        save(name);
+        const std::string first = read_file(captures(name)[0]);
+        save(name);
+        const auto files = captures(name);
+        if (files.size() != 1) {
+            continue;
+        }
+        shared = true;
+        const std::string both = read_file(files[0]);
+        EXPECT_EQ(both.compare(0, first.size(), first), 0);
+        EXPECT_GT(both.size(), first.size());
+        EXPECT_EQ(std::count(both.begin(), both.end(), '\0'), 2);
+        EXPECT_EQ(both.back(), '\0');
+    }
+    EXPECT_TRUE(shared);
+}
+
+TEST_F(KlogCaptureTest, SymbolicLinkInPlaceOfTheFileIsRefused) {
+    fs::create_directories(kDir);
+    const std::string target = "/data/target";
+    std::ofstream(target) << "";
+    const auto links = names_around_now("cpcrash_umts_dump_fail");
+    for (const auto& l : links) {
+        ASSERT_EQ(symlink(target.c_str(), l.c_str()), 0);
+    }
+    const std::string log = save("cpcrash_umts_dump_fail");
+    EXPECT_EQ(read_file(target), "");
+
+    // The path is still reported after the failure.
+    bool reported = false;
+    for (const auto& l : links) {
+        if (log.find("<3>cpif: rix: (ERR! Too many levels of symbolic links) dmesg_to_file: "
+                     "file open fail " +
+                     l + "\n" + path_line(l)) != std::string::npos) {
+            reported = true;
+        }
+    }
+    EXPECT_TRUE(reported) << log;
+}
+
+TEST_F(KlogCaptureTest, UnseekableFileEndsTheCopy) {
+    fs::create_directories(kDir);
+    const auto fifos = names_around_now("cp_boot_umts");
+    std::vector<int> readers;
+    for (const auto& f : fifos) {
+        ASSERT_EQ(mkfifo(f.c_str(), 0660), 0);
+        // A reader lets the capture's open go through at once.
+        readers.push_back(open(f.c_str(), O_RDONLY | O_NONBLOCK));
+        ASSERT_GE(readers.back(), 0);
+    }
+    const std::string log = save("cp_boot_umts");
+    bool reported = false;
+    for (size_t i = 0; i < fifos.size(); ++i) {
+        char c;
+        EXPECT_LE(read(readers[i], &c, 1), 0) << "nothing may be written";
+        if (log.find("<3>cpif: rix: (ERR! Illegal seek) dmesg_to_file: lseek fail " + fifos[i] +
+                     "\n" + path_line(fifos[i])) != std::string::npos) {
+            reported = true;
+        }
+        close(readers[i]);
+    }
+    EXPECT_TRUE(reported) << log;
+}
+
+// Drops the calling thread's right to read the kernel log.
+bool drop_syslog_capability() {
+    __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    if (syscall(SYS_capget, &hdr, data) != 0) {
+        return false;
+    }
+    for (int cap : {CAP_SYSLOG, CAP_SYS_ADMIN}) {
+        data[cap / 32].effective &= ~(1u << (cap % 32));
+    }
+    return syscall(SYS_capset, &hdr, data) == 0;
+}
+
+TEST_F(KlogCaptureTest, RefusedRingBufferReadLeavesAnEmptyFile) {
+    if (read_file("/proc/sys/kernel/dmesg_restrict").rfind("1", 0) != 0) {
+        GTEST_SKIP() << "the ring buffer is readable without a capability here";
+    }
+    // Capabilities belong to a thread: the capture runs with those of the
+    // thread that calls it.
+    bool dropped = false;
+    std::thread([&] {
+        dropped = drop_syslog_capability();
+        if (dropped) {
+            save("cpcrash_umts_klog_after");
+        }
+    }).join();
+    ASSERT_TRUE(dropped);
+    const auto files = captures("cpcrash_umts_klog_after");
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(fs::file_size(files[0]), 0u);
+    EXPECT_NE(kmsg().find("<6>cpif: rix: dmesg_to_file: klogctl fail\n" + path_line(files[0])),
+              std::string::npos)
+        << kmsg();
+
+    // The main thread kept the right and still reads it.
+    ASSERT_GT(ring_size(), 0);
+}
+
+TEST_F(KlogCaptureTest, FailedWriteKeepsWhatWasWritten) {
+    constexpr rlim_t kLimit = 4096;
+    // The ring must hold more than the limit lets through.
+    for (int i = 0; i < 64 && ring_size() < 4 * static_cast<int>(kLimit); ++i) {
+        ring_marker(std::string(200, 'x'));
+    }
+    ASSERT_GE(ring_size(), 4 * static_cast<int>(kLimit));
+    fs::create_directories(kDir);
+
+    struct rlimit old_limit;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old_limit), 0);
+    struct rlimit limit = old_limit;
+    limit.rlim_cur = kLimit;
+    auto old_handler = signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    save("cpcrash_umts_klog_before");
+    setrlimit(RLIMIT_FSIZE, &old_limit);
+    signal(SIGXFSZ, old_handler);
+
+    // The first write stops short at the limit, the next one fails.
+    const auto files = captures("cpcrash_umts_klog_before");
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(fs::file_size(files[0]), kLimit);
+    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! File too large) dmesg_to_file: write fail\n" +
+                          path_line(files[0])),
+              std::string::npos)
+        << kmsg();
+}
+
+TEST_F(KlogCaptureTest, LowFreeSpaceSuppressesTheCapture) {
+    fs::create_directories(kDir);
+    ASSERT_EQ(mount("tmpfs", kDir.c_str(), "tmpfs", 0, "size=1m"), 0);
+    const std::string log = save("cpcrash_umts_klog_before");
+    std::error_code ec;
+    const bool empty = fs::is_empty(kDir, ec);
+    umount2(kDir.c_str(), MNT_DETACH);
+
+    EXPECT_TRUE(empty);
+    EXPECT_NE(log.find("freespace is under 500 MB\n"), std::string::npos) << log;
+    EXPECT_EQ(log.find("save dmesg begin..."), std::string::npos) << log;
+    EXPECT_EQ(log.find("_save_logs:"), std::string::npos) << log;
+}
+
+TEST_F(KlogCaptureTest, NoLogDirectoryNoCapture) {
+    fs::remove_all("/data/vendor");
+    const std::string log = save("cp_boot_umts");
+    EXPECT_FALSE(fs::exists(kDir));
+    EXPECT_NE(log.find("create_directory: log path create fail err=-1\n"), std::string::npos)
+        << log;
+    EXPECT_EQ(log.find("save dmesg begin..."), std::string::npos) << log;
+    EXPECT_EQ(log.find("_save_logs:"), std::string::npos) << log;
+}
+
+TEST_F(KlogCaptureTest, ThreadedCapturesWriteTheirOwnFiles) {
+    debug_level = DBG_MID;
+    char name[64] = "cp_boot_umts";
+    Log::save_logs_thread(1, name);
+    // The thread works on its own copy of the name.
+    snprintf(name, sizeof(name), "%s", "cp_boot_done_umts");
+    Log::save_logs_thread(1, name);
+    memset(name, 'z', sizeof(name) - 1);
+
+    auto done = [&](const std::string& n) {
+        const auto files = captures(n);
+        return files.size() == 1 && kmsg().find(path_line(files[0])) != std::string::npos;
+    };
+    ASSERT_TRUE(wait_until([&] { return done("cp_boot_umts") && done("cp_boot_done_umts"); }))
+        << kmsg();
+    for (const char* n : {"cp_boot_umts", "cp_boot_done_umts"}) {
+        const std::string content = read_file(captures(n)[0]);
+        EXPECT_EQ(std::count(content.begin(), content.end(), '\0'), 1) << n;
+        EXPECT_EQ(content.back(), '\0') << n;
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(kDir), fs::directory_iterator()), 2);
+}
+
+TEST_F(KlogCaptureTest, NoThreadAtLowLevelOrOnExcludedChips) {
+    debug_level = DBG_LOW;
+    char low[] = "cp_boot_umts";
+    Log::save_logs_thread(1, low);
+
+    debug_level = DBG_HIGH;
+    char chip410[] = "rix_only_umts";
+    set_prop("ro.hardware.chipname", "tolvar410");
+    Log::save_logs_thread(1, chip410);
+    char chip5120[] = "cp_boot_done_umts";
+    set_prop("ro.hardware.chipname", "tolvar5120x");
+    Log::save_logs_thread(1, chip5120);
+
+    // A name shorter than an excluded model is not that model.
+    set_prop("ro.hardware.chipname", "tolvar41");
+    char control[] = "control_umts";
+    Log::save_logs_thread(1, control);
+    ASSERT_TRUE(wait_until([&] {
+        const auto files = captures("control_umts");
+        return files.size() == 1 && kmsg().find(path_line(files[0])) != std::string::npos;
+    }));
+    // Give a wrongly started capture time to show itself.
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_TRUE(captures("cp_boot_umts").empty());
+    EXPECT_TRUE(captures("rix_only_umts").empty());
+    EXPECT_TRUE(captures("cp_boot_done_umts").empty());
+    const std::string log = kmsg();
+    size_t begins = 0;
+    for (size_t at = log.find("save dmesg begin"); at != std::string::npos;
+         at = log.find("save dmesg begin", at + 1)) {
+        ++begins;
+    }
+    EXPECT_EQ(begins, 1u) << log;
+}
+
+}  // namespace
