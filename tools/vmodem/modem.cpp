@@ -216,6 +216,12 @@ IoctlOutcome Modem::dispatch(Node node, const Request& r, uint64_t arg, const vo
             state_ = kStateOnline;
             return {0, 0};
         case IOCTL_GET_MODEM_STATE:
+            // A crash keeps the node hung up until the CP is powered again;
+            // any other state change is one event, gone once it was read.
+            if (state_ != kStateCrashReset && state_ != kStateCrashExit &&
+                state_ != kStateCrashWatchdog) {
+                hangup_ = false;
+            }
             return {state_, 0};
         case IOCTL_SET_MINIDUMP_MODE:
             facts_.minidump = load<uint8_t>(in);
