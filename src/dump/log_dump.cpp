@@ -13,11 +13,15 @@
 #include "boot/boot_dump.h"
 #include "core/rix.h"
 #include "core/util.h"
+#include "dump/log_dump.h"
 #include "dump/protocol.h"
 #include "dump/udl.h"
 #include "log/log.h"
 
 namespace {
+
+// The region's messages carry the name of the region request.
+constexpr char kFn[] = "get_log_dump";
 
 // The local time of this very call: every region file has its own.
 void region_time_stamp(char* buf, size_t size) {
@@ -41,12 +45,12 @@ int receive_region(int fd, uint32_t size, uint64_t& received) {
         // A node that reports data but delivers none would never finish the
         // region: an empty read ends it as a failure.
         if (got <= 0) {
-            LOGI_DUMP_AS("get_log_dump", "ERR! log_dump std_ul_rx_frame fail (ret %d)\n", got);
+            LOGI_DUMP_AS(kFn, "ERR! log_dump std_ul_rx_frame fail (ret %d)\n", got);
             return got < 0 ? got : -14;
         }
         ssize_t n = write(fd, chunk, static_cast<size_t>(got));
         if (n < 0) {
-            LOGE_DUMP_AS("get_log_dump", "ERR! log_dump write fail\n");
+            LOGE_DUMP_AS(kFn, "ERR! log_dump write fail\n");
             return static_cast<int>(n);
         }
         received += static_cast<uint64_t>(got);
@@ -57,19 +61,7 @@ int receive_region(int fd, uint32_t size, uint64_t& received) {
 
 }  // namespace
 
-int BootDump::get_log_dump(const char* name, cp_log_dump_index idx) {
-    const std_dump* d = getStdDump();
-    cp_log_dump_info info = {};
-    snprintf(info.name, sizeof(info.name), "%s", name);
-    info.idx = idx;
-    LOGI("name:%s idx:%u\n", info.name, info.idx);
-
-    if (ioctl(d->fd, IOCTL_GET_LOG_DUMP, &info) < 0) {
-        LOGE_DUMP("ERR! ioctl fail\n");
-        return -22;
-    }
-    LOGI_DUMP("size:%u\n", info.size);
-
+int save_log_region(const char* name, uint32_t size) {
     char ts[64];
     region_time_stamp(ts, sizeof(ts));
     char path[kPathLen];
@@ -83,19 +75,34 @@ int BootDump::get_log_dump(const char* name, cp_log_dump_index idx) {
         fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0660);
     }
     if (fd < 0) {
-        LOGE_DUMP("ERR! %s open fail\n", path);
+        LOGE_DUMP_AS(kFn, "ERR! %s open fail\n", path);
         return -22;
     }
     Util::switch_group_log(path);
-    LOGI_DUMP("%s opened (fd %d)\n", path, fd);
+    LOGI_DUMP_AS(kFn, "%s opened (fd %d)\n", path, fd);
 
     uint64_t received = 0;
-    const int ret = receive_region(fd, info.size, received);
+    const int ret = receive_region(fd, size, received);
     if (ret >= 0) {
-        LOGI_DUMP("%s Complete! (%lu bytes)\n", path, static_cast<unsigned long>(received));
+        LOGI_DUMP_AS(kFn, "%s Complete! (%lu bytes)\n", path, static_cast<unsigned long>(received));
     }
     close(fd);
     return ret;
+}
+
+int BootDump::get_log_dump(const char* name, cp_log_dump_index idx) {
+    const std_dump* d = getStdDump();
+    cp_log_dump_info info = {};
+    snprintf(info.name, sizeof(info.name), "%s", name);
+    info.idx = idx;
+    LOGI("name:%s idx:%u\n", info.name, info.idx);
+
+    if (ioctl(d->fd, IOCTL_GET_LOG_DUMP, &info) < 0) {
+        LOGE_DUMP("ERR! ioctl fail\n");
+        return -22;
+    }
+    LOGI_DUMP("size:%u\n", info.size);
+    return save_log_region(name, info.size);
 }
 
 int BootDump::get_num_log_dump(cp_log_dump_index idx, unsigned* count) {
