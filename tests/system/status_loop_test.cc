@@ -36,7 +36,12 @@ TEST_F(StatusLoop, UnknownStateIsLoggedAndTheLoopWaitsAgain) {
     EXPECT_EQ(count(kWaiting), 1) << "the loop must not start over";
     EXPECT_EQ(count(info("status_loop", "status loop exit")), 0);
     EXPECT_EQ(count(info("status_loop", "CP status_loop start (modem = 1)")), 1);
-    EXPECT_EQ(modem().requests("GET_MODEM_STATE").size(), 2u) << modem().trace();
+    // The boot asks for the state once before powering on; the loop once per event.
+    int answered_4 = 0;
+    for (const auto& r : modem().requests("GET_MODEM_STATE")) {
+        answered_4 += r.result == 4;
+    }
+    EXPECT_EQ(answered_4, 2) << modem().trace();
     EXPECT_TRUE(rix_running());
 }
 

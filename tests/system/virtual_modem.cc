@@ -92,14 +92,20 @@ int connect_to(const std::string& path) {
 
 }  // namespace
 
-bool parse_trace_request(const std::string& line, std::string& name) {
+bool parse_trace_request(const std::string& line, TraceRequest& request) {
     // "ioctl NODE NAME [args] -> RESULT [detail]"; unknown codes show as hex, not a name.
     std::istringstream words(line);
-    std::string kind, node, token;
-    if (!(words >> kind >> node >> token) || kind != "ioctl" || !kRequestNames.count(token)) {
+    std::string kind, node, name;
+    if (!(words >> kind >> node >> name) || kind != "ioctl" || !kRequestNames.count(name)) {
         return false;
     }
-    name = token;
+    auto arrow = line.find(" -> ");
+    if (arrow == std::string::npos) {
+        return false;
+    }
+    request.name = name;
+    request.line = line;
+    request.result = std::strtol(line.c_str() + arrow + 4, nullptr, 0);
     return true;
 }
 
@@ -210,9 +216,9 @@ std::vector<TraceRequest> VirtualModem::requests() const {
     std::istringstream lines(trace());
     std::string line;
     while (std::getline(lines, line)) {
-        std::string name;
-        if (parse_trace_request(line, name)) {
-            out.push_back({name, line});
+        TraceRequest request;
+        if (parse_trace_request(line, request)) {
+            out.push_back(request);
         }
     }
     return out;

@@ -16,6 +16,7 @@ namespace systest {
 struct TraceRequest {
     std::string name;  // without the IOCTL_ prefix, e.g. "SET_BTL_SIZE"
     std::string line;  // the whole trace line, for messages and argument checks
+    long result = 0;   // what the driver returned
 };
 
 class VirtualModem {
@@ -54,7 +55,7 @@ class VirtualModem {
 // True when the request's trace line shows `value` as its argument (decimal or hexadecimal).
 bool carries(const TraceRequest& request, unsigned long value);
 
-// True when `line` is a trace line of a request; sets its name (without IOCTL_).
-bool parse_trace_request(const std::string& line, std::string& name);
+// True when `line` is a trace line of a request; fills `request` from it.
+bool parse_trace_request(const std::string& line, TraceRequest& request);
 
 }  // namespace systest
