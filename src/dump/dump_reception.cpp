@@ -101,7 +101,10 @@ int std_ul_recv_info(Protocol& proto, std_dump& d) {
         LOGI_DUMP("ERR! REASON std_ul_rx_frame fail\n");
         return ret;
     }
-    d.reason[used + static_cast<size_t>(ret)] = '\0';
+    // A read never returns more than asked; the terminator stays in the field
+    // even if it did.
+    const size_t got = static_cast<size_t>(ret) < count ? static_cast<size_t>(ret) : count;
+    d.reason[used + got] = '\0';
 
     proto.make_cp_crash_reason(d.reason);
     if (debug_level == 0) {
