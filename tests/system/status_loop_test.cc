@@ -110,3 +110,38 @@ TEST_F(StatusLoopWithoutBoot, CrashResetWithACpDebugOptionEndsTheLoopAndStartsOv
 
 }  // namespace
 }  // namespace systest
+
+namespace systest {
+namespace {
+
+// The crash-reset wait is 3 s plus 27 s; the phone's clock runs ten times as fast here.
+TEST_F(StatusLoop, CrashResetWaitsForRildThenBootsAgain) {
+    build_modem();
+    start_modem();
+    set_cmdline("pax_debug.level=1");
+    Sandbox fast;
+    fast.faketime = "10";
+    start_rix({"-d", "-t", "vm420"}, fast);
+    ASSERT_TRUE(wait_logged(kWaiting, 30s)) << radio_log();
+
+    auto begin = std::chrono::steady_clock::now();
+    modem().control("crash_reset");
+    ASSERT_TRUE(wait_logged(info("status_loop", "status loop exit"), 20s)) << radio_log();
+    auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_EQ(count(info("status_loop", "get event 1")), 1);
+    EXPECT_EQ(count(info("status_loop", "STATE_CRASH_RESET, wait onrestart by rild")), 1);
+    EXPECT_EQ(count(info("status_loop", "RILD dosenot restart for 3sec, save logs")), 1);
+    // 30 s of the phone's time at ten times the speed: about 3 s, never near 30.
+    EXPECT_GT(waited, 2500ms);
+    EXPECT_LT(waited, 15s);
+
+    // Then the cycle boots the CP again and waits for the next event.
+    ASSERT_TRUE(wait_logged(kWaiting, 30s, 2)) << radio_log();
+    EXPECT_EQ(count(info("main", "Call boot start")), 2);
+    EXPECT_EQ(count(info("main", "Boot up process done!!!")), 2);
+    EXPECT_EQ(property("vendor.rix.cp_reset"), "2");
+    EXPECT_EQ(property("vendor.rix.reset_done"), "1");
+}
+
+}  // namespace
+}  // namespace systest
