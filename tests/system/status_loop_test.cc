@@ -18,6 +18,11 @@ TEST_F(StatusLoop, UnknownStateIsLoggedAndTheLoopWaitsAgain) {
     const LogLine boot_failed = info("main", "start boot fail");
     ASSERT_TRUE(eventually([&] { return logged(kWaiting) || logged(boot_failed); }, 90s));
     ASSERT_TRUE(logged(kWaiting)) << "no booted modem in the status loop:\n" << radio_log();
+    // Only the loop's own descriptor is open: the boot closed all of its own.
+    auto handles = modem().handles();
+    EXPECT_EQ(handles["boot"], 1);
+    EXPECT_EQ(handles["dump"], 0);
+    EXPECT_EQ(handles["memshare"], 0);
 
     const LogLine event = info("status_loop", "get event 4");
     const LogLine unknown = info("status_loop", "unknown Modem status");
@@ -137,6 +142,7 @@ TEST_F(StatusLoop, CrashResetWaitsForRildThenBootsAgain) {
 
     // Then the cycle boots the CP again and waits for the next event.
     ASSERT_TRUE(wait_logged(kWaiting, 30s, 2)) << radio_log();
+    EXPECT_EQ(modem().handles()["boot"], 1) << "the first loop's descriptor is closed";
     EXPECT_EQ(count(info("main", "Call boot start")), 2);
     EXPECT_EQ(count(info("main", "Boot up process done!!!")), 2);
     EXPECT_EQ(property("vendor.rix.cp_reset"), "2");
