@@ -8,28 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "boot/toc.h"
+
 namespace mkmodem {
 
-inline constexpr size_t kTocEntries = 16;
-inline constexpr size_t kTocSize = 512;
-inline constexpr size_t kNameSize = 12;
-
-struct toc_entry {
-    char name[kNameSize];  // NUL-terminated unless all 12 bytes are used
-    uint32_t b_off;        // offset in the partition (for NV: in the NV file)
-    uint32_t m_off;        // offset in modem memory; the top two bits are ignored
-    uint32_t size;
-    uint32_t crc;
-    uint32_t toc_count;  // entry 0 only: number of entries
-};
-static_assert(sizeof(toc_entry) == 32);
-static_assert(offsetof(toc_entry, name) == 0);
-static_assert(offsetof(toc_entry, b_off) == 12);
-static_assert(offsetof(toc_entry, m_off) == 16);
-static_assert(offsetof(toc_entry, size) == 20);
-static_assert(offsetof(toc_entry, crc) == 24);
-static_assert(offsetof(toc_entry, toc_count) == 28);
-static_assert(sizeof(toc_entry) * kTocEntries == kTocSize);
+// The layout is the daemon's own reading of the partition.
+using ::kTocSize;
+using ::toc_entry;
+inline constexpr size_t kTocEntries = ::kTocEntries;
+inline constexpr size_t kNameSize = kTocNameLen;
 
 // One part as asked for on the command line; unset fields get defaults.
 struct PartSpec {
