@@ -1,7 +1,7 @@
 #include "process.h"
 
 #include <fcntl.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,8 +10,6 @@
 #include <cstring>
 #include <stdexcept>
 #include <thread>
-
-extern char** environ;
 
 namespace systest {
 
@@ -33,23 +31,37 @@ Process::~Process() {
 }
 
 void Process::start(const std::vector<std::string>& argv, const std::string& output) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                     0644);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     std::vector<char*> args;
     for (const auto& a : argv) {
         args.push_back(const_cast<char*>(a.c_str()));
     }
     args.push_back(nullptr);
-    int err = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (err != 0) {
-        pid_ = -1;
-        throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(err));
+    int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (out < 0) {
+        throw std::runtime_error("cannot open " + output + ": " + std::strerror(errno));
     }
+    const pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid < 0) {
+        close(out);
+        throw std::runtime_error("fork: " + std::string(std::strerror(errno)));
+    }
+    if (pid == 0) {
+        // A test binary killed on a time-out must not leave a modem or a phone behind.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent) {
+            _exit(127);
+        }
+        int in = open("/dev/null", O_RDONLY);
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(out, 2);
+        execv(args[0], args.data());
+        dprintf(2, "cannot start %s: %s\n", args[0], std::strerror(errno));
+        _exit(127);
+    }
+    close(out);
+    pid_ = pid;
     code_.reset();
 }
 
