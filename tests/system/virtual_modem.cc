@@ -118,7 +118,8 @@ void VirtualModem::start(const std::string& scenario) {
     const std::string ready = dir_ + "/ready";
     std::ofstream(scenario_path) << scenario;
     process_.start({binary_, "--mount", mount_dir(), "--scenario", scenario_path, "--control",
-                    control_socket(dir_), "--trace", trace_path(), "--ready-file", ready},
+                    control_socket(dir_), "--trace", trace_path(), "--memory", memory_path(),
+                    "--ready-file", ready},
                    output_path());
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!fs::exists(ready)) {

@@ -32,6 +32,8 @@ class VirtualModem {
 
     std::string mount_dir() const { return dir_ + "/nodes"; }
     std::string trace_path() const { return dir_ + "/trace"; }
+    // The modem memory, a sparse file: image chunks land at their m_offset.
+    std::string memory_path() const { return dir_ + "/memory"; }
     std::string output_path() const { return dir_ + "/vmodem.out"; }
 
     // Sends one control command and returns the reply (without the final line feed).
