@@ -107,8 +107,8 @@ void Phone::write_file(const std::string& phone_path, const std::string& content
 }
 
 void Phone::build_modem(const std::vector<std::string>& parts, const std::vector<std::string>& nv) {
-    partition_ = work_ + "/modem.img";
-    nv_ = work_ + "/nv_data.bin";
+    partition_ = partition_path();
+    nv_ = nv_path();
     std::vector<std::string> image = {MKMODEM_BIN, "image", partition_};
     image.insert(image.end(), parts.begin(), parts.end());
     std::vector<std::string> nv_file = {MKMODEM_BIN, "nv", nv_};

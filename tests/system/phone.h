@@ -91,6 +91,9 @@ class Phone : public ::testing::Test {
 
     // ---- reading
     std::string root() const { return work_ + "/root"; }
+    // Host paths of what build_modem() made.
+    std::string partition_path() const { return work_ + "/modem.img"; }
+    std::string nv_path() const { return work_ + "/nv_data.bin"; }
     std::string read_file(const std::string& phone_path) const;
     bool exists(const std::string& phone_path) const;
     std::string kmsg() const { return read_file("/dev/kmsg"); }
