@@ -139,6 +139,18 @@ IoctlOutcome Modem::ioctl(Node node, uint32_t cmd, uint64_t arg, const void* in,
         trace_.line("ioctl %s 0x%08X -> %d unknown", node_name(node), cmd, -ENOTTY);
         return {-ENOTTY, 0};
     }
+    // GET_NUM_LOG_DUMP carries its index in although its code only says "read": FUSE passes
+    // no input for such a code, so the driver takes the record from the caller's memory, as
+    // the kernel driver's copy_from_user does.
+    alignas(8) uint8_t from_user[sizeof(cp_log_dump_num)] = {};
+    if (cmd == IOCTL_GET_NUM_LOG_DUMP && in_len < sizeof(from_user)) {
+        if (arg == 0 || !user.read(arg, from_user, sizeof(from_user))) {
+            trace_.line("ioctl %s %s -> %d bad-argument", node_name(node), r->name, -EFAULT);
+            return {-EFAULT, 0};
+        }
+        in = from_user;
+        in_len = sizeof(from_user);
+    }
     char args[256];
     describe_args(*r, in, in_len, args, sizeof(args));
     uint32_t size = ioc_size(cmd);

@@ -307,11 +307,13 @@ TEST_F(ModemTest, SilentCpAtDumpStart) {
 
 TEST_F(ModemTest, LogRegionsArriveInChunks) {
     make({"region shmem 5000", "region_count 2 3", "dump_seed 5"});
+    // A read-only code: the index comes from the caller's memory, as FUSE passes no input.
     cp_log_dump_num num{2, 0};
-    ASSERT_EQ(io(Node::Dump, IOCTL_GET_NUM_LOG_DUMP, &num, &num), 0);
+    const auto at = reinterpret_cast<uintptr_t>(&num);
+    ASSERT_EQ(io(Node::Dump, IOCTL_GET_NUM_LOG_DUMP, nullptr, &num, at), 0);
     EXPECT_EQ(num.num_dump, 3u);
     num = {4, 0};
-    io(Node::Dump, IOCTL_GET_NUM_LOG_DUMP, &num, &num);
+    io(Node::Dump, IOCTL_GET_NUM_LOG_DUMP, nullptr, &num, at);
     EXPECT_EQ(num.num_dump, 1u);
 
     cp_log_dump_info info{};
