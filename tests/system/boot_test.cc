@@ -1,9 +1,11 @@
 // The boot path end to end: the real daemon boots the virtual modem from a
 // partition image, and the trace shows every request in order.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -154,7 +156,34 @@ class Boot : public Phone {
         return code && *code == 0;
     }
 
-    std::vector<TraceRequest> security() { return modem().requests("CHECK_SECURITY"); }
+    // Requests of the latest run only: every run starts with the daemon's
+    // back-trace size request.
+    std::vector<TraceRequest> latest(const std::string& name) {
+        const auto all = modem().requests();
+        size_t start = 0;
+        for (size_t i = 0; i < all.size(); i++) {
+            if (all[i].name == "SET_BTL_SIZE") {
+                start = i;
+            }
+        }
+        std::vector<TraceRequest> out;
+        for (size_t i = start; i < all.size(); i++) {
+            if (all[i].name == name) {
+                out.push_back(all[i]);
+            }
+        }
+        return out;
+    }
+    std::vector<TraceRequest> security() { return latest("CHECK_SECURITY"); }
+
+    // Files put in place for the daemon belong to the radio user, as on the
+    // phone, since it has dropped root by the time it opens them.
+    void give_to_radio(const std::string& phone_path) {
+        for (auto& e : std::filesystem::recursive_directory_iterator(root() + phone_path)) {
+            (void)!chown(e.path().c_str(), 1001, 1001);
+        }
+        (void)!chown((root() + phone_path).c_str(), 1001, 1001);
+    }
 
     const std::map<std::string, int> kNoHandles = {{"boot", 0}, {"dump", 0}, {"memshare", 0}};
 };
@@ -231,7 +260,9 @@ TEST_F(Boot, OneShotBootStreamsEveryStageIntoModemMemory) {
     // after it; its log directory is the log group's.
     EXPECT_NE(control("query facts").find("srinfo_restores=1"), std::string::npos);
     EXPECT_FALSE(exists("/data/vendor/log/rix/err/last_sr_info_umts"));
-    EXPECT_TRUE(exists("/data/vendor/log/rix/err/sr_info_umts.log"));
+    struct stat hex = {};
+    ASSERT_EQ(stat((root() + "/data/vendor/log/rix/sr_info_umts").c_str(), &hex), 0);
+    EXPECT_EQ(hex.st_gid, 1007u);
     struct stat st = {};
     ASSERT_EQ(stat((root() + "/data/vendor/log/rix").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0775u);
@@ -244,7 +275,7 @@ TEST_F(Boot, LaterBootsSkipVssUnlessVerifiedOrReinitialised) {
     set_property("vendor.rix.first_xmit_done", "1");
     auto vss_loaded = [&] {
         const auto toc = read_toc(partition_path());
-        for (const auto& c : loaded_chunks(modem().requests("LOAD_CP_IMAGE"))) {
+        for (const auto& c : loaded_chunks(latest("LOAD_CP_IMAGE"))) {
             if (c.size == toc[3].size && c.b_offset == toc[3].b_off) {
                 return true;
             }
@@ -269,7 +300,9 @@ TEST_F(Boot, LaterBootsSkipVssUnlessVerifiedOrReinitialised) {
 
     ASSERT_TRUE(one_shot({"-o", "s"})) << radio_log();
     EXPECT_TRUE(vss_loaded());
-    EXPECT_EQ(count(info("boot", "skip VSS check")), 1) << "the reinit boot skips the check too";
+    // The kernel copy holds the latest run only: the reinit boot sends VSS
+    // but still skips its check.
+    EXPECT_NE(kmsg().find("rix: boot: skip VSS check\n"), std::string::npos) << kmsg();
 }
 
 TEST_F(Boot, NvFileIsCreatedOrReplacedByTheTempFile) {
@@ -278,6 +311,7 @@ TEST_F(Boot, NvFileIsCreatedOrReplacedByTheTempFile) {
     build_modem();
     start_modem();
     write_file("/mnt/vendor/efs/fresh/.keep", "");
+    give_to_radio("/mnt/vendor/efs/fresh");
     ASSERT_TRUE(one_shot({"-n", "/mnt/vendor/efs/fresh"})) << radio_log();
     const std::string created = read_file("/mnt/vendor/efs/fresh/nv_data.bin");
     EXPECT_EQ(created, std::string(0x10000, '\xFF'));
@@ -359,7 +393,7 @@ INSTANTIATE_TEST_SUITE_P(
         Failure{"TocName", "", {"BOOT:size=1", "TOC"}, "ERR! prepare_boot_args fail"},
         Failure{"TocCount",
                 "",
-                {"TOC", "BOOT:size=100", "MAIN:size=100", "NV:size=0x100"},
+                {"--count", "17", "TOC", "BOOT:size=100", "NV:size=0x100"},
                 "ERR! prepare_boot_args fail"}),
     [](const auto& info) { return std::string(info.param.label); });
 
@@ -402,6 +436,7 @@ TEST_F(Boot, SilentResetRecordIsKeptOnceAndInvalidBlocksAreRefused) {
     // A record still waiting from an earlier boot: no new one is fetched,
     // and the waiting one is handed back after the boot.
     write_file("/data/vendor/log/rix/err/last_sr_info_umts", "{\"JVER\":\"OLD\"}");
+    give_to_radio("/data/vendor/log/rix");
     start_modem();
     ASSERT_TRUE(one_shot()) << radio_log();
     EXPECT_TRUE(modem().requests("GET_SRINFO").empty()) << modem().trace();

@@ -17,15 +17,9 @@ const char* loader_name(Loader l) {
     return "?";
 }
 
-std::string quoted(const std::string& s) {
-    std::string out = "\"";
-    for (char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-        }
-        out += c;
-    }
-    return out + "\"";
+// The texts of the facts are kept escaped already (\", \\, \xNN).
+std::string quoted(const std::string& escaped) {
+    return "\"" + escaped + "\"";
 }
 
 std::string query_handles(const Modem& m) {

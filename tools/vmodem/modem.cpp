@@ -389,7 +389,7 @@ IoctlOutcome Modem::enter_upload(uint64_t arg, UserMemory& user) {
     }
     size_t len = strnlen(text, got);
     ++facts_.upload_count;
-    facts_.upload_text.assign(text, len);
+    facts_.upload_text = escape(text, len);
     note_ = "text=\"" + escape(text, len) + "\"";
     return {0, 0};
 }

@@ -1,6 +1,7 @@
 // vphone: runs a command inside a sandbox laid out like the phone (see docs/test-bench.md).
 #include <fcntl.h>
 #include <glob.h>
+#include <grp.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -108,6 +109,12 @@ void write_host_pid(int pid_fd) {
     write_host_pid(pid_fd);
     if (chroot(o.root.c_str()) != 0 || chdir("/") != 0) {
         die("chroot " + o.root + ": " + std::strerror(errno));
+    }
+    // The platform starts the daemon as root with the groups radio and log,
+    // which it keeps when it later drops to the radio user.
+    const gid_t groups[] = {1001, 1007};
+    if (setgroups(2, groups) != 0) {
+        die(std::string("setgroups: ") + std::strerror(errno));
     }
     std::vector<std::string> args = o.command;
     std::vector<std::string> env = command_environment(o);
