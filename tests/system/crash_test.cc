@@ -1,0 +1,354 @@
+// A CP crash seen by the status loop: the evidence the daemon collects, the dump-mode boot of the
+// CP, upload mode, and what a misbehaving CP, a full log partition or a debug setting make of it.
+#include <dirent.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "../../tools/vmodem/payload.h"
+#include "phone.h"
+
+namespace systest {
+namespace {
+
+const LogLine kWaiting = info("status_loop", "Wait event from modem type: 1");
+const LogLine kLoopExit = info("status_loop", "status loop exit");
+const LogLine kCallBoot = info("main", "Call boot start");
+const LogLine kStatusReset = info("status_loop", "CP status RESET");
+const LogLine kStartDumpFail = info("status_loop", "start_dump fail");
+const std::string kLogDir = "/data/vendor/log/rix";
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        out.push_back(line);
+    }
+    return out;
+}
+
+int count_prefix(const std::vector<std::string>& lines, const std::string& prefix) {
+    return static_cast<int>(std::count_if(
+        lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }));
+}
+
+// Compares a file with `size` bytes of the stream `seed` of payload.h, a MiB at a time.
+// Returns an empty text when they are equal, else what differs.
+std::string compare_with_stream(const std::string& host_path, uint64_t seed, uint64_t size) {
+    std::ifstream in(host_path, std::ios::binary);
+    if (!in) {
+        return "cannot open " + host_path;
+    }
+    std::vector<char> got(1 << 20);
+    std::vector<uint8_t> want(1 << 20);
+    uint64_t off = 0;
+    while (off < size) {
+        const size_t n = static_cast<size_t>(std::min<uint64_t>(got.size(), size - off));
+        in.read(got.data(), static_cast<std::streamsize>(n));
+        if (static_cast<size_t>(in.gcount()) != n) {
+            return host_path + ": only " + std::to_string(off + in.gcount()) + " of " +
+                   std::to_string(size) + " bytes";
+        }
+        payload::fill(seed, off, want.data(), n);
+        if (std::memcmp(got.data(), want.data(), n) != 0) {
+            size_t i = 0;
+            while (static_cast<uint8_t>(got[i]) == want[i]) {
+                ++i;
+            }
+            return host_path + ": differs at byte " + std::to_string(off + i);
+        }
+        off += n;
+    }
+    if (in.peek() != std::char_traits<char>::eof()) {
+        return host_path + ": longer than " + std::to_string(size) + " bytes";
+    }
+    return "";
+}
+
+class Crash : public Phone {
+  protected:
+    // Boots the CP with the daemon at DBG_HIGH (unless `level` says otherwise) and waits for the
+    // status loop.
+    void boot(const std::string& modem,
+              const std::vector<std::string>& args = {"-d", "-t", "vm420"},
+              const std::string& level = "0x4948", const Sandbox& sandbox = {}) {
+        build_modem();
+        start_modem(modem);
+        set_property("ro.boot.debug_level", level);
+        set_property("vendor.rix.rfs_check_done", "1");
+        start_rix(args, sandbox);
+        ASSERT_TRUE(wait_logged(kWaiting, 60s)) << radio_log();
+    }
+
+    // Names of the files in a directory of the phone that begin with `prefix`, sorted.
+    std::vector<std::string> files(const std::string& prefix, const std::string& dir = kLogDir) {
+        std::vector<std::string> out;
+        DIR* d = opendir((root() + dir).c_str());
+        if (d == nullptr) {
+            return out;
+        }
+        while (const dirent* e = readdir(d)) {
+            std::string name = e->d_name;
+            if (name.rfind(prefix, 0) == 0) {
+                out.push_back(name);
+            }
+        }
+        closedir(d);
+        std::sort(out.begin(), out.end());
+        return out;
+    }
+
+    std::string host(const std::string& name, const std::string& dir = kLogDir) const {
+        return root() + dir + "/" + name;
+    }
+
+    Sandbox fast_clock() const {
+        Sandbox s;
+        if (kClockSpeed > 1) {
+            s.faketime = std::to_string(kClockSpeed);
+        }
+        return s;
+    }
+
+    // Error lines of `fn` with `text` in the kernel log, whatever the errno text.
+    int count_errors(const std::string& fn, const std::string& text) const {
+        const std::string tail = ") " + fn + ": " + text;
+        int n = 0;
+        for (const auto& line : lines_of(kmsg())) {
+            n += line.rfind("<3>cpif: rix: (ERR! ", 0) == 0 && line.size() >= tail.size() &&
+                 line.compare(line.size() - tail.size(), tail.size(), tail) == 0;
+        }
+        return n;
+    }
+
+    // The trace from the first line that begins with `from` on.
+    std::vector<std::string> trace_from(const std::string& from) {
+        auto lines = lines_of(modem().trace());
+        auto it = std::find_if(lines.begin(), lines.end(),
+                               [&](const std::string& l) { return l.rfind(from, 0) == 0; });
+        return {it, lines.end()};
+    }
+
+    // Opens and releases of a node balance: no descriptor of it was left behind.
+    void expect_node_closed(const std::string& node) {
+        auto lines = lines_of(modem().trace());
+        EXPECT_EQ(count_prefix(lines, "open " + node + " "), count_prefix(lines, "release " + node))
+            << node << " node:\n"
+            << modem().trace();
+    }
+
+    // The one file whose name begins with `prefix`; its name, or a failure.
+    std::string one_file(const std::string& prefix) {
+        auto names = files(prefix);
+        EXPECT_EQ(names.size(), 1u) << prefix << "*: " << ::testing::PrintToString(names);
+        return names.empty() ? "" : names.front();
+    }
+
+    // The kernel-log capture `name` exists once, is named by its time stamp and ends with the
+    // zero byte that follows the ring-buffer text.
+    void expect_capture(const std::string& name) {
+        const std::string file = one_file(name + "_");
+        ASSERT_FALSE(file.empty());
+        EXPECT_EQ(file.size(), name.size() + 1 + 15 + 4) << file << ": %Y%m%d%H%M_%S";
+        EXPECT_EQ(file[name.size() + 1 + 12], '_') << file;
+        const std::string content = read_file(kLogDir + "/" + file);
+        ASSERT_FALSE(content.empty()) << file;
+        EXPECT_EQ(content.back(), '\0') << file;
+    }
+
+    // The dump log, info and dump files of the one attempt, sharing their time stamp; the info
+    // file holds `reason` and the dump file the CP's payload.
+    void expect_dump_files(uint64_t seed, uint64_t size, const std::string& reason) {
+        const std::string log = one_file("cpcrash_umts_log_");
+        ASSERT_FALSE(log.empty());
+        const std::string stamp = log.substr(strlen("cpcrash_umts_log_"), 16);
+        EXPECT_EQ(stamp[8], '-') << log << ": %Y%m%d-%H%M_%S";
+        EXPECT_EQ(stamp[13], '_') << log;
+        EXPECT_EQ(files("cpcrash_umts_info_"),
+                  std::vector<std::string>{"cpcrash_umts_info_vm420_" + stamp + ".log"});
+        EXPECT_EQ(files("cpcrash_umts_dump_2"),
+                  std::vector<std::string>{"cpcrash_umts_dump_" + stamp + ".log"});
+
+        auto lines = lines_of(read_file(kLogDir + "/" + log));
+        ASSERT_GE(lines.size(), 3u);
+        EXPECT_EQ(lines[0], "std_dump_write_versions: CPIF version: VMODEM-CPIF-1.0");
+        EXPECT_EQ(lines[1], "std_dump_write_versions: Velmora (RIX) version: RIX-V3-20250515R1");
+        EXPECT_EQ(
+            lines[2].rfind("std_dump_prepare_args: " + kLogDir + "/" + log + " opened (fd ", 0), 0u)
+            << lines[2];
+        EXPECT_EQ(count_prefix(lines, "std_ul_recv_info: DUMP INFO saved"), 1);
+        EXPECT_EQ(count_prefix(lines, "std_dump_receive_cp_dump: DUMP DATA saved"), 1);
+        // Lines that only go to the system logs.
+        EXPECT_EQ(count_prefix(lines, "std_ul_recv_info: dump_size"), 0);
+        EXPECT_EQ(count_prefix(lines, "make_cp_crash_reason"), 0);
+        EXPECT_EQ(count_prefix(lines, "rix: "), 0) << "copies carry no \"rix: \"";
+
+        EXPECT_EQ(read_file(kLogDir + "/cpcrash_umts_info_vm420_" + stamp + ".log"), reason);
+        EXPECT_EQ(compare_with_stream(host("cpcrash_umts_dump_" + stamp + ".log"), seed, size), "");
+    }
+
+    // One file per CP log region, byte-identical to the region.
+    void expect_regions(uint64_t seed, const std::vector<std::pair<std::string, uint64_t>>& sizes) {
+        for (const auto& [name, size] : sizes) {
+            const std::string file = one_file("cpcrash_" + name + "_dump_umts_");
+            if (!file.empty()) {
+                EXPECT_EQ(compare_with_stream(host(file), payload::stream_seed(seed, name), size),
+                          "");
+            }
+        }
+    }
+
+    // The CP was restarted into its dump boot loader: power reset in dump mode, only the TOC and
+    // BOOT parts loaded, the dump-mode security request, the boot loader started in dump mode,
+    // then the dump stage on the dump node.
+    void expect_dump_mode_boot(const std::vector<std::string>& crash) {
+        std::vector<std::string> got;
+        for (const auto& l : crash) {
+            if (l.rfind("ioctl boot", 0) == 0 && l.find("GET_SRINFO") == std::string::npos &&
+                l.find("GET_MODEM_STATE") == std::string::npos) {
+                got.push_back(l);
+            }
+            if (l.rfind("write dump 0x00009D00", 0) == 0) {
+                break;
+            }
+        }
+        ASSERT_GE(got.size(), 6u) << ::testing::PrintToString(crash);
+        EXPECT_EQ(got[0], "ioctl boot POWER_RESET mode=1 -> 0");
+        EXPECT_EQ(got[1],
+                  "ioctl boot LOAD_CP_IMAGE size=0x200 m_offset=0x1000 b_offset=0x0 "
+                  "mode=1 len=512 -> 0");
+        EXPECT_EQ(got[2],
+                  "ioctl boot LOAD_CP_IMAGE size=0x11170 m_offset=0x2000 "
+                  "b_offset=0x1000 mode=1 len=63488 -> 0");
+        EXPECT_EQ(got[3],
+                  "ioctl boot LOAD_CP_IMAGE size=0x11170 m_offset=0x11800 "
+                  "b_offset=0x1000 mode=1 len=6512 -> 0");
+        EXPECT_EQ(got[4],
+                  "ioctl boot CHECK_SECURITY mode=1 param2=0x11170 param3=0x0 "
+                  "param4=0x0 -> 0");
+        EXPECT_EQ(got[5], "ioctl boot START_CP_BOOTLOADER mode=1 -> 0");
+        EXPECT_EQ(got.size(), 6u) << ::testing::PrintToString(got);
+    }
+
+    // Collected crash: upload mode with the crash reason on the dump node, a new boot a second
+    // later, and the silent-reset info handed back after it.
+    void expect_upload_and_reboot(const std::string& reason) {
+        auto crash = trace_from("ioctl boot GET_MODEM_STATE -> ");
+        auto upload = std::find_if(crash.begin(), crash.end(), [](const std::string& l) {
+            return l.find("ENTER_UPLOAD_MODE") != std::string::npos;
+        });
+        ASSERT_NE(upload, crash.end()) << modem().trace();
+        EXPECT_EQ(*upload, "ioctl dump ENTER_UPLOAD_MODE -> 0 text=\"" + reason + "\"");
+        auto done = std::find(crash.begin(), upload, "read dump 0x0000AD0D");
+        EXPECT_NE(done, upload) << "the dump stage is closed before the upload request";
+        auto after = std::vector<std::string>(upload + 1, crash.end());
+        auto reset = std::find(after.begin(), after.end(), "ioctl boot POWER_RESET mode=0 -> 0");
+        ASSERT_NE(reset, after.end()) << "no new normal boot";
+        auto complete = std::find_if(reset, after.end(), [](const std::string& l) {
+            return l.rfind("ioctl boot COMPLETE_NORMAL_BOOTUP -> 0", 0) == 0;
+        });
+        ASSERT_NE(complete, after.end());
+        EXPECT_TRUE(std::any_of(complete, after.end(), [](const std::string& l) {
+            return l.rfind("ioctl boot SET_SRINFO -> 0", 0) == 0;
+        })) << "the silent-reset info stored by the dump goes back after the new boot";
+    }
+};
+
+// The CP's dump, its log regions and the kernel log around them are all kept; the CP is then
+// sent to upload mode and, when that returns, booted again.
+TEST_F(Crash, CrashIsCollectedInFullThenTheCpBootsAgain) {
+    constexpr uint64_t kDumpSize = (256ull << 20) + 12345;
+    const std::vector<std::pair<std::string, uint64_t>> regions = {
+        {"shmem", 5000}, {"vss", 4096},   {"databuf", 100}, {"l2b", 9000}, {"pmux0", 10},
+        {"pmux1", 0},    {"pmux2", 4097}, {"cp_btl", 8192}, {"ddm", 1}};
+    std::string scenario = "dump_seed 7\ndump_steps 5\ndump_size " + std::to_string(kDumpSize) +
+                           "\ndump_reason oops at 0x1234\ncrash_owner 0\nregion_count 2 3\n";
+    for (const auto& [name, size] : regions) {
+        scenario += "region " + name + " " + std::to_string(size) + "\n";
+    }
+    boot(scenario);
+    modem().control("crash 2");
+    ASSERT_TRUE(wait_logged(kLoopExit, 120s)) << radio_log();
+    const auto exit_seen = std::chrono::steady_clock::now();
+    ASSERT_TRUE(wait_logged(kCallBoot, 10s, 2)) << radio_log();
+    const auto next_boot = std::chrono::steady_clock::now() - exit_seen;
+    EXPECT_GT(next_boot, 900ms) << "the cycle end waits 1 s";
+    EXPECT_LT(next_boot, 3s);
+    ASSERT_TRUE(wait_logged(kWaiting, 30s, 2)) << radio_log();
+
+    EXPECT_EQ(count(info("status_loop", "get event 2")), 1);
+    EXPECT_EQ(count(info("status_loop", "CP status CRASH")), 1);
+    EXPECT_EQ(count(kStartDumpFail), 0);
+    EXPECT_EQ(count(kStatusReset), 1);
+    const std::string reason = ": CP Crash by CP - UMTS: oops at 0x1234";
+    EXPECT_EQ(count(info("make_cp_crash_reason", "CP CRASH" + reason)), 1);
+
+    expect_capture("cpcrash_umts_klog_before");
+    expect_capture("cpcrash_umts_klog_after");
+    EXPECT_TRUE(files("cpcrash_umts_dump_fail").empty());
+    expect_dump_files(7, kDumpSize, reason);
+    expect_regions(7, regions);
+    EXPECT_TRUE(files("cpcrash_pmux3_").empty()) << "three pmux regions were announced";
+
+    auto crash = trace_from("ioctl boot GET_MODEM_STATE -> 2");
+    // The dump node is opened before the dump-mode boot record, and the silent-reset info is
+    // stored before the CP is reset.
+    auto open_dump = std::find(crash.begin(), crash.end(), "open dump flags=0x8002");
+    auto store = std::find_if(crash.begin(), crash.end(), [](const std::string& l) {
+        return l.rfind("ioctl boot GET_SRINFO -> 0", 0) == 0;
+    });
+    auto reset = std::find(crash.begin(), crash.end(), "ioctl boot POWER_RESET mode=1 -> 0");
+    EXPECT_LT(open_dump, store);
+    EXPECT_LT(store, reset);
+    expect_dump_mode_boot(crash);
+    expect_upload_and_reboot(reason);
+    // The dump stored the silent-reset info, the next boot's store was skipped, and its
+    // hand-back emptied the slot: two entries in the hex log.
+    EXPECT_EQ(count(info("store_srinfo", "srinfo_last file exist, skip!")), 1);
+    EXPECT_EQ(count_prefix(lines_of(read_file(kLogDir + "/sr_info_umts")), "[20"), 2);
+    EXPECT_FALSE(exists(kLogDir + "/err/last_sr_info_umts"));
+
+    auto handles = modem().handles();
+    EXPECT_EQ(handles["boot"], 1) << "only the new status loop's descriptor";
+    EXPECT_EQ(handles["dump"], 0);
+    EXPECT_EQ(handles["memshare"], 0);
+    expect_node_closed("dump");
+    EXPECT_TRUE(rix_running());
+}
+
+// State 9 is handled as state 2; a crash the driver blames on another party carries the driver's
+// text, and a dump of many frames per step arrives whole.
+TEST_F(Crash, WatchdogStateWithTheDriversReasonIsCollectedToo) {
+    boot(
+        "dump_seed 3\ndump_size 50000\ndump_steps 3\nframe_payload 1000\n"
+        "crash_owner 16\ncrash_reason cld stalled\nregion_default_size 3000\n");
+    modem().control("crash 9");
+    ASSERT_TRUE(wait_logged(kWaiting, 60s, 2)) << radio_log();
+    EXPECT_EQ(count(info("status_loop", "get event 9")), 1);
+    EXPECT_EQ(count(kStatusReset), 1);
+    EXPECT_EQ(count(kStartDumpFail), 0);
+    EXPECT_EQ(count(info("std_ul_recv_data", "[step 3] num_frames = 17")), 1);
+    const std::string reason = ": CP Crash by CLD - cld stalled";
+    expect_capture("cpcrash_umts_klog_before");
+    expect_capture("cpcrash_umts_klog_after");
+    expect_dump_files(3, 50000, reason);
+    // A failed or absent count reads one pmux region.
+    expect_regions(3, {{"shmem", 3000},
+                       {"vss", 3000},
+                       {"databuf", 3000},
+                       {"l2b", 3000},
+                       {"pmux0", 3000},
+                       {"cp_btl", 3000},
+                       {"ddm", 3000}});
+    expect_dump_mode_boot(trace_from("ioctl boot GET_MODEM_STATE -> 9"));
+    expect_upload_and_reboot(reason);
+    EXPECT_EQ(modem().handles()["dump"], 0);
+    expect_node_closed("dump");
+}
+
+}  // namespace
+}  // namespace systest
