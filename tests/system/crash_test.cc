@@ -350,5 +350,190 @@ TEST_F(Crash, WatchdogStateWithTheDriversReasonIsCollectedToo) {
     expect_node_closed("dump");
 }
 
+// A dump that fails every time: seven attempts one second apart, the kernel log saved after each,
+// the watchdog request from the second on, then the CP is booted all the same. Each kind of CP
+// misbehaviour ends its attempt with its own line, and none of them harms the daemon.
+TEST_F(Crash, MisbehavingCpEndsEachAttemptCleanly) {
+    boot(
+        "dump_seed 5\ndump_size 100000\ndump_steps 2\nframe_payload 1000\n"
+        "region_default_size 100\nframe_size_field 1 1 16385\n",
+        {"-d", "-t", "vm420"}, "0x4948", fast_clock());
+    const auto attempts_time = std::chrono::duration_cast<Millis>(6s) / kClockSpeed;
+    int boots = 1;
+    // Crashes the CP and waits until the daemon has booted it again.
+    auto crash_round = [&](const std::vector<std::string>& misbehaviour) {
+        EXPECT_EQ(modem().control("set misbehave_clear"), "ok");
+        for (const auto& setting : misbehaviour) {
+            EXPECT_EQ(modem().control("set " + setting), "ok") << setting;
+        }
+        modem().control("crash");
+        ++boots;
+        return wait_logged(kWaiting, 120s, boots);
+    };
+
+    // A frame that claims more payload than a frame holds.
+    const auto begin = std::chrono::steady_clock::now();
+    modem().control("crash");
+    ASSERT_TRUE(wait_logged(kStatusReset, 120s)) << radio_log();
+    const auto took = std::chrono::steady_clock::now() - begin;
+    ++boots;
+    ASSERT_TRUE(wait_logged(kWaiting, 60s, boots)) << radio_log();
+    EXPECT_GT(took, attempts_time) << "six sleeps of 1 s between the attempts";
+    EXPECT_EQ(count(kStartDumpFail), 7);
+    EXPECT_EQ(count(info("std_ul_recv_data", "ERR! [step 1] std_ul_rx_frame fail (ret -14)")), 7);
+    EXPECT_EQ(count(info("dump", "ERR! std_dump_receive_cp_dump fail")), 7);
+    for (int n = 1; n <= 7; ++n) {
+        EXPECT_EQ(count_errors("dump", "dump_try_cnt:" + std::to_string(n)), 1) << n;
+    }
+    EXPECT_EQ(count_errors("dump", "ERR! dump failed. trigger ap wdtreset"), 6);
+    EXPECT_EQ(modem().requests("TRIGGER_AP_WDTRESET").size(), 6u) << "none after the first";
+    EXPECT_EQ(files("cpcrash_umts_dump_fail_").size(), 7u);
+    EXPECT_EQ(files("cpcrash_umts_klog_before_").size(), 7u);
+    EXPECT_TRUE(files("cpcrash_umts_klog_after_").empty());
+    EXPECT_TRUE(modem().requests("ENTER_UPLOAD_MODE").empty());
+    EXPECT_EQ(count(kStatusReset), 1);
+    // No payload of the refused frame reached a dump file.
+    for (const auto& f : files("cpcrash_umts_dump_2")) {
+        EXPECT_EQ(read_file(kLogDir + "/" + f), "") << f;
+    }
+
+    // Frames ..., 48, 50 of the last step: the step is given up, the count of that read stands in
+    // for what it saved (1016 bytes, not 48000 + 1016), and the size check fails without a DONE
+    // exchange.
+    const int done_requests = count_prefix(lines_of(modem().trace()), "write dump 0x00009D0D");
+    ASSERT_TRUE(crash_round({"frame_skip 2 49"})) << radio_log();
+    EXPECT_EQ(count(info("std_ul_recv_data", "ERR! [step 2] curr_frame 50 != seqn 49")), 7);
+    EXPECT_EQ(count(info("std_dump_receive_cp_dump", "ERR! saved 51016 != dump_size 100000")), 7);
+    EXPECT_EQ(count_prefix(lines_of(modem().trace()), "write dump 0x00009D0D"), done_requests);
+    EXPECT_EQ(count(kStartDumpFail), 14);
+
+    // More steps than a request word can name: no step is requested.
+    const int step_requests = count_prefix(lines_of(modem().trace()), "write dump 0x00009D01");
+    ASSERT_TRUE(crash_round({"info_num_steps 300"})) << radio_log();
+    EXPECT_EQ(count(info("std_ul_recv_info", "ERR! invalid num_steps 300")), 7);
+    EXPECT_EQ(count(info("std_dump_receive_cp_dump", "ERR! std_ul_recv_info fail")), 7);
+    EXPECT_EQ(count_prefix(lines_of(modem().trace()), "write dump 0x00009D01"), step_requests);
+    EXPECT_EQ(count(kStartDumpFail), 21);
+    EXPECT_EQ(modem().requests("TRIGGER_AP_WDTRESET").size(), 18u);
+
+    // A REASON longer than the room behind the prefix is cut to fit, and log regions that
+    // deliver nothing end their own file only: this dump is collected.
+    ASSERT_TRUE(crash_round({"info_reason_len 1000", "region_zero_reads 1"})) << radio_log();
+    EXPECT_EQ(count(info("std_ul_recv_info", "ERR! reason_len 1000 > 505, truncated")), 1);
+    EXPECT_EQ(count(info("get_log_dump", "ERR! log_dump std_ul_rx_frame fail (ret 0)")), 7);
+    EXPECT_EQ(count(kStartDumpFail), 21);
+    auto uploads = modem().requests("ENTER_UPLOAD_MODE");
+    ASSERT_EQ(uploads.size(), 1u);
+    // The crash-reason text holds at most 511 characters.
+    const auto quote = uploads[0].line.find("text=\"");
+    ASSERT_NE(quote, std::string::npos);
+    EXPECT_EQ(uploads[0].line.size() - (quote + 6) - 1, 511u) << uploads[0].line;
+    auto info_files = files("cpcrash_umts_info_");
+    ASSERT_FALSE(info_files.empty());
+    EXPECT_EQ(read_file(kLogDir + "/" + info_files.back()).size(), 511u);
+
+    EXPECT_EQ(count(kStatusReset), 4);
+    auto handles = modem().handles();
+    EXPECT_EQ(handles["boot"], 1);
+    EXPECT_EQ(handles["dump"], 0);
+    expect_node_closed("dump");
+    EXPECT_TRUE(rix_running());
+}
+
+// At DBG_LOW without minidump support a crash is not collected: 3 s for rild, then a new boot.
+TEST_F(Crash, DbgLowWaitsForRildAndBootsAgainWithoutEvidence) {
+    boot("", {"-d", "-t", "vm420"}, "0x4F4C", fast_clock());
+    const auto begin = std::chrono::steady_clock::now();
+    modem().control("crash");
+    ASSERT_TRUE(wait_logged(kCallBoot, 30s, 2)) << radio_log();
+    const auto took = std::chrono::steady_clock::now() - begin;
+    ASSERT_TRUE(wait_logged(kWaiting, 30s, 2)) << radio_log();
+    EXPECT_GT(took, std::chrono::duration_cast<Millis>(3s) / kClockSpeed);
+    EXPECT_EQ(count(info("status_loop", "DBG_LOW, wait onrestart by rild")), 1);
+    EXPECT_EQ(count(info("status_loop", "CP status CRASH")), 0);
+    EXPECT_EQ(count(kStatusReset), 0);
+    EXPECT_TRUE(files("cpcrash_").empty());
+    EXPECT_EQ(count_prefix(lines_of(modem().trace()), "open dump"), 0);
+    EXPECT_TRUE(modem().requests("ENTER_UPLOAD_MODE").empty());
+}
+
+// Minidump mode: the driver is told, the dump replaces the minidump file, the property says it
+// is complete, and the daemon parks instead of sending the phone to upload mode.
+TEST_F(Crash, MinidumpModeLeavesTheDumpInItsFileAndParks) {
+    set_property("persist.sys.enable_minidump1", "1");
+    const std::string minidump = "/data/vendor/ramdump/remoteproc-mss-md.elf";
+    write_file(minidump, std::string(200000, 'x'));
+    boot("dump_seed 9\ndump_size 100000\ndump_steps 2\n", {"-d", "-t", "vm420", "-o", "m"},
+         "0x4F4C");
+    modem().control("crash");
+    ASSERT_TRUE(wait_logged(info("dump", "No trigger dump upload(minidump mode)"), 60s))
+        << radio_log();
+    EXPECT_EQ(property("vendor.ril.done_minidump"), "1");
+    EXPECT_EQ(count(info("set_minidump_mode", "minidump mode is enabled")), 1);
+    auto crash = trace_from("ioctl boot GET_MODEM_STATE -> 2");
+    auto set = std::find(crash.begin(), crash.end(), "ioctl boot SET_MINIDUMP_MODE enable=1 -> 0");
+    auto open_dump = std::find(crash.begin(), crash.end(), "open dump flags=0x8002");
+    EXPECT_LT(set, open_dump) << modem().trace();
+    EXPECT_EQ(compare_with_stream(root() + minidump, 9, 100000), "");
+    EXPECT_TRUE(files("cpcrash_").empty()) << "nothing in the log directory at DBG_LOW";
+
+    std::this_thread::sleep_for(2s);
+    EXPECT_TRUE(rix_running());
+    EXPECT_TRUE(modem().requests("ENTER_UPLOAD_MODE").empty());
+    EXPECT_EQ(count(kCallBoot), 1) << "the daemon parks: no new boot";
+    EXPECT_EQ(count(kStatusReset), 0);
+    auto handles = modem().handles();
+    EXPECT_EQ(handles["dump"], 0);
+    EXPECT_EQ(handles["boot"], 1) << "only the status loop's descriptor stays";
+}
+
+// A log partition with less than 500 MB free: the phone is sent to upload mode with "Not enough
+// freespace"; when that returns the collection is still tried, and every attempt fails before
+// it opens anything.
+TEST_F(Crash, FullLogPartitionForcesUploadThenStillTriesTheCollection) {
+    Sandbox small = fast_clock();
+    small.log_tmpfs = "2m";
+    boot("", {"-d", "-t", "vm420"}, "0x4948", small);
+    modem().control("crash");
+    ASSERT_TRUE(wait_logged(kStatusReset, 60s)) << radio_log();
+    ASSERT_TRUE(wait_logged(kWaiting, 30s, 2)) << radio_log();
+    EXPECT_GE(count(info("check_fs_log_directory", kLogDir + ": freespace is under 500 MB")), 8)
+        << "before the forced upload and in every attempt";
+    EXPECT_EQ(count(info("_save_logs", "save dmesg begin...")), 0) << "no room for captures";
+    auto uploads = modem().requests("ENTER_UPLOAD_MODE");
+    ASSERT_EQ(uploads.size(), 1u) << modem().trace();
+    EXPECT_EQ(uploads[0].line, "ioctl boot ENTER_UPLOAD_MODE -> 0 text=\"Not enough freespace\"");
+    EXPECT_EQ(count(info("upload", "Go to UPLOAD mode")), 1);
+    EXPECT_EQ(count(info("dump", "ERR! std_dump_prepare_args fail")), 7);
+    EXPECT_EQ(count(kStartDumpFail), 7);
+    // The boot record was never prepared, so the watchdog request never reaches the driver.
+    EXPECT_EQ(count_errors("dump", "ERR! dump failed. trigger ap wdtreset"), 6);
+    EXPECT_TRUE(modem().requests("TRIGGER_AP_WDTRESET").empty());
+    EXPECT_EQ(count_prefix(lines_of(modem().trace()), "open dump"), 0);
+    EXPECT_TRUE(files("cpcrash_").empty());
+    EXPECT_EQ(modem().handles()["boot"], 1);
+}
+
+// CP debug option 5: a crash and a crash reset both force upload mode, and nothing is collected.
+TEST_F(Crash, ForceUploadOptionUploadsAtCrashAndCrashReset) {
+    set_cmdline("pax_debug.cp=5");
+    boot("");
+    modem().control("crash");
+    ASSERT_TRUE(wait_logged(kWaiting, 30s, 2)) << radio_log();
+    modem().control("crash_reset");
+    ASSERT_TRUE(wait_logged(kWaiting, 30s, 3)) << radio_log();
+    auto uploads = modem().requests("ENTER_UPLOAD_MODE");
+    ASSERT_EQ(uploads.size(), 2u) << modem().trace();
+    for (const auto& u : uploads) {
+        EXPECT_EQ(u.line, "ioctl boot ENTER_UPLOAD_MODE -> 0 text=\"Force upload\"");
+    }
+    EXPECT_EQ(count(info("status_loop", "CP status CRASH")), 0);
+    EXPECT_EQ(count(info("status_loop", "STATE_CRASH_RESET, wait onrestart by rild")), 0);
+    EXPECT_EQ(count(kLoopExit), 2);
+    EXPECT_EQ(count_prefix(lines_of(modem().trace()), "open dump"), 0);
+    EXPECT_TRUE(files("cpcrash_").empty());
+    EXPECT_EQ(modem().handles()["boot"], 1);
+}
+
 }  // namespace
 }  // namespace systest
