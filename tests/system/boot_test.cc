@@ -350,6 +350,10 @@ struct Failure {
     const char* line;                // the boot's "ERR!" line
 };
 
+void PrintTo(const Failure& f, std::ostream* os) {
+    *os << f.label;
+}
+
 class BootFailure : public Boot, public ::testing::WithParamInterface<Failure> {};
 
 TEST_P(BootFailure, EndsTheBootReleasesEverythingAndRetries) {

@@ -20,7 +20,8 @@ namespace {
 // a private mount namespace: one file bind-mounted over it for the whole run,
 // rewritten in place by each test. This needs root; without it the tests
 // that depend on the command line fail loudly.
-const char kCmdlineFile[] = "/tmp/rix-unit-cmdline";
+// One file per test process: ctest runs several at once.
+const std::string kCmdlineFile = "/tmp/rix-unit-cmdline." + std::to_string(getpid());
 const char* const kPhoneDirs[] = {"/data", "/efs", "/mnt/vendor", "/sys/power",
                                   "/sys/devices/platform"};
 
@@ -30,7 +31,7 @@ class CmdlineEnvironment : public ::testing::Environment {
         std::ofstream(kCmdlineFile) << "";
         ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "unit tests need root for a private mount namespace";
         ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        ASSERT_EQ(mount(kCmdlineFile, "/proc/cmdline", nullptr, MS_BIND, nullptr), 0)
+        ASSERT_EQ(mount(kCmdlineFile.c_str(), "/proc/cmdline", nullptr, MS_BIND, nullptr), 0)
             << "cannot bind a file over /proc/cmdline";
         // The phone paths the daemon opens get empty file systems of their
         // own, so no test ever touches the host's.
@@ -40,6 +41,7 @@ class CmdlineEnvironment : public ::testing::Environment {
             ASSERT_EQ(mount("tmpfs", dir, "tmpfs", 0, "mode=0755"), 0) << dir;
         }
     }
+    void TearDown() override { std::filesystem::remove(kCmdlineFile); }
 };
 
 const auto* const kEnv = ::testing::AddGlobalTestEnvironment(new CmdlineEnvironment);
