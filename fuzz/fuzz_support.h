@@ -1,0 +1,220 @@
+// Shared pieces of the fuzz targets: a private copy of the phone's paths so
+// the daemon's fixed file names land in scratch space, a quiet log, the CP
+// played over a socket pair, and a check that no descriptor leaks.
+#pragma once
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/rix.h"
+#include "log/log.h"
+
+namespace fuzz {
+
+// Scratch space on the private /data.
+inline constexpr char kScratch[] = "/data/fuzz";
+inline constexpr char kCmdline[] = "/data/fuzz/cmdline";
+
+[[noreturn]] inline void die(const char* what) {
+    fprintf(stderr, "fuzz setup: %s: %s\n", what, strerror(errno));
+    abort();
+}
+
+inline void write_file(const char* path, const uint8_t* data, size_t size) {
+    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        die(path);
+    }
+    size_t done = 0;
+    while (done < size) {
+        ssize_t n = write(fd, data + done, size - done);
+        if (n <= 0) {
+            die(path);
+        }
+        done += static_cast<size_t>(n);
+    }
+    close(fd);
+}
+
+// Removes the plain files of a directory (the daemon's time-stamped files).
+inline void clear_dir(const char* path) {
+    DIR* dir = opendir(path);
+    if (dir == nullptr) {
+        return;
+    }
+    while (const dirent* e = readdir(dir)) {
+        if (e->d_type == DT_REG) {
+            unlinkat(dirfd(dir), e->d_name, 0);
+        }
+    }
+    closedir(dir);
+}
+
+// Runs once per fuzzer process: a private mount namespace (root needed, as
+// for the unit tests) with empty tmpfs on /data and /efs, a file of our own
+// over /proc/cmdline, properties and Android log buffers in scratch space
+// (the buffers are /dev/null), the kernel log copy to /dev/null, and the log
+// directory in scratch space.
+inline void enter_sandbox() {
+    if (unshare(CLONE_NEWNS) != 0) {
+        die("unshare(CLONE_NEWNS) (the fuzzers need root)");
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        die("make / private");
+    }
+    for (const char* dir : {"/data", "/efs"}) {
+        mkdir(dir, 0755);
+        if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755,size=256m") != 0) {
+            die(dir);
+        }
+    }
+    mkdir(kScratch, 0755);
+    for (const char* dir : {"/data/fuzz/props", "/data/fuzz/android", "/data/fuzz/log"}) {
+        mkdir(dir, 0755);
+    }
+    for (const char* buf : {"radio", "main", "restorecon"}) {
+        std::string link = std::string("/data/fuzz/android/") + buf;
+        if (symlink("/dev/null", link.c_str()) != 0) {
+            die(link.c_str());
+        }
+    }
+    write_file(kCmdline, nullptr, 0);
+    if (mount(kCmdline, "/proc/cmdline", nullptr, MS_BIND, nullptr) != 0) {
+        die("bind over /proc/cmdline");
+    }
+    setenv("RIX_PROPERTY_DIR", "/data/fuzz/props", 1);
+    setenv("RIX_LOG_DIR", "/data/fuzz/android", 1);
+    kmsg_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (kmsg_fd < 0) {
+        die("/dev/null");
+    }
+    snprintf(log_dir, sizeof(log_dir), "%s", "/data/fuzz/log");
+    // A request word written after the CP end is gone must fail, not kill.
+    signal(SIGPIPE, SIG_IGN);
+}
+
+// Aborts when a run leaves a descriptor open: the lowest free descriptor
+// must be the same after the run as before it.
+class FdLeakCheck {
+  public:
+    FdLeakCheck() : lowest_(lowest_free()) {}
+    ~FdLeakCheck() {
+        if (lowest_free() != lowest_) {
+            fprintf(stderr, "descriptor leak: lowest free %d, was %d\n", lowest_free(), lowest_);
+            abort();
+        }
+    }
+    FdLeakCheck(const FdLeakCheck&) = delete;
+    FdLeakCheck& operator=(const FdLeakCheck&) = delete;
+
+  private:
+    static int lowest_free() {
+        int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            close(fd);
+        }
+        return fd;
+    }
+    int lowest_;
+};
+
+// The input as CP messages: each one is a 16-bit little-endian length and
+// that many bytes (fewer at the end of the input). Zero-length messages are
+// kept: a read of 0 bytes is a case of its own.
+struct Message {
+    const uint8_t* data;
+    size_t size;
+};
+
+inline std::vector<Message> split_messages(const uint8_t* data, size_t size) {
+    std::vector<Message> out;
+    size_t at = 0;
+    while (at + 2 <= size) {
+        size_t len = data[at] | (static_cast<size_t>(data[at + 1]) << 8);
+        at += 2;
+        len = len < size - at ? len : size - at;
+        out.push_back({data + at, len});
+        at += len;
+    }
+    return out;
+}
+
+// The CP end of a node: a SOCK_SEQPACKET pair (one message per read, poll
+// works). A thread sends the messages in order while it drains whatever the
+// AP writes, then shuts its sending side so that the AP reads an end of file
+// instead of waiting for its time-out. Destruction closes both ends.
+class CpFeed {
+  public:
+    explicit CpFeed(std::vector<Message> msgs) : msgs_(std::move(msgs)) {
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) {
+            die("socketpair");
+        }
+        ap_ = sv[0];
+        cp_ = sv[1];
+        thread_ = std::thread([this] { run(); });
+    }
+    ~CpFeed() {
+        shutdown(ap_, SHUT_RDWR);
+        thread_.join();
+        close(ap_);
+        close(cp_);
+    }
+    CpFeed(const CpFeed&) = delete;
+    CpFeed& operator=(const CpFeed&) = delete;
+
+    // The AP end, for the node descriptor of a record.
+    int ap() const { return ap_; }
+
+  private:
+    void run() {
+        size_t next = 0;
+        bool sending = true;
+        for (;;) {
+            if (sending && next == msgs_.size()) {
+                shutdown(cp_, SHUT_WR);
+                sending = false;
+            }
+            struct pollfd p = {cp_, static_cast<short>(POLLIN | (sending ? POLLOUT : 0)), 0};
+            if (poll(&p, 1, -1) < 0) {
+                return;
+            }
+            if ((p.revents & (POLLIN | POLLHUP)) != 0) {
+                uint8_t buf[256];
+                if (recv(cp_, buf, sizeof(buf), MSG_DONTWAIT) == 0) {
+                    return;  // the AP is done with the node
+                }
+            }
+            if (sending && (p.revents & POLLOUT) != 0) {
+                const Message& m = msgs_[next];
+                if (send(cp_, m.data, m.size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+                    ++next;
+                } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                    next = msgs_.size();
+                }
+            }
+        }
+    }
+
+    std::vector<Message> msgs_;
+    int ap_ = -1;
+    int cp_ = -1;
+    std::thread thread_;
+};
+
+}  // namespace fuzz
