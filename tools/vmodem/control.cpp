@@ -45,6 +45,19 @@ std::string query_facts(const Modem& m) {
            " srinfo_restored=" + quoted(f.srinfo_restored);
 }
 
+// count:bytes:first_ns:last_ns:cpu_ticks_at_first
+std::string mark_text(const BulkMark& m) {
+    return std::to_string(m.count) + ":" + std::to_string(m.bytes) + ":" +
+           std::to_string(m.first_ns) + ":" + std::to_string(m.last_ns) + ":" +
+           std::to_string(m.cpu_at_first);
+}
+
+std::string query_marks(const Modem& m) {
+    return "ok image=" + mark_text(m.mark(Bulk::Image)) +
+           " frame=" + mark_text(m.mark(Bulk::Frame)) +
+           " region=" + mark_text(m.mark(Bulk::Region));
+}
+
 }  // namespace
 
 std::string control_command(Modem& modem, std::string_view line) {
@@ -76,6 +89,13 @@ std::string control_command(Modem& modem, std::string_view line) {
     }
     if (line == "query facts") {
         return query_facts(modem);
+    }
+    if (line == "query marks") {
+        return query_marks(modem);
+    }
+    if (line == "marks_clear") {
+        modem.clear_marks();
+        return "ok";
     }
     if (line.starts_with("set ")) {
         std::string err = apply_setting(modem.settings(), line.substr(4));

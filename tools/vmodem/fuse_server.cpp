@@ -28,6 +28,7 @@ constexpr size_t kMaxPollHandles = 64;
 struct PendingRead {
     fuse_req_t req;
     size_t size;
+    int32_t pid;
 };
 
 struct State {
@@ -67,6 +68,7 @@ void wake_locked(Node node) {
     Modem& modem = *g.shared->modem;
     while (!g.reads[i].empty()) {
         PendingRead r = g.reads[i].front();
+        modem.set_caller(r.pid);
         int64_t n = modem.read(node, g.buf, std::min(r.size, sizeof(g.buf)));
         if (n == -EAGAIN) {
             break;
@@ -183,7 +185,9 @@ void op_read(fuse_req_t req, fuse_ino_t ino, size_t size, off_t, fuse_file_info*
     // Registered before the lock: an interrupt that arrives in between is
     // seen through fuse_req_interrupted below.
     fuse_req_interrupt_func(req, interrupt_read, nullptr);
+    const int32_t pid = fuse_req_ctx(req)->pid;
     std::lock_guard lock(g.shared->mu);
+    g.shared->modem->set_caller(pid);
     int64_t n = g.shared->modem->read(node, g.buf, std::min(size, sizeof(g.buf)));
     if (n >= 0) {
         fuse_reply_buf(req, reinterpret_cast<const char*>(g.buf), static_cast<size_t>(n));
@@ -192,7 +196,7 @@ void op_read(fuse_req_t req, fuse_ino_t ino, size_t size, off_t, fuse_file_info*
     } else if (fuse_req_interrupted(req)) {
         fuse_reply_err(req, EINTR);
     } else {
-        g.reads[static_cast<int>(node)].push_back({req, size});
+        g.reads[static_cast<int>(node)].push_back({req, size, pid});
     }
 }
 
@@ -223,6 +227,7 @@ void op_ioctl(fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void* arg, fuse_
     alignas(8) uint8_t out[1024];
     ProcessMemory user(fuse_req_ctx(req)->pid);
     std::lock_guard lock(g.shared->mu);
+    g.shared->modem->set_caller(fuse_req_ctx(req)->pid);
     IoctlOutcome o = g.shared->modem->ioctl(node, cmd, reinterpret_cast<uintptr_t>(arg), in_buf,
                                             in_bufsz, out, std::min(out_bufsz, sizeof(out)), user);
     if (o.result < 0 && o.result > -512) {

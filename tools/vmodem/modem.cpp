@@ -1,7 +1,12 @@
 #include "modem.h"
 
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
 #include <algorithm>
+
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "boot/cpif.h"
@@ -40,6 +45,37 @@ std::string escape(const char* s, size_t n) {
 constexpr uint32_t kSrinfoRoom = kSrinfoBlockSize - 4;
 constexpr size_t kCrashReasonTextSize = 515;  // the daemon's crash-reason buffer
 
+uint64_t monotonic_ns() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
+}
+
+// utime + stime of a process in clock ticks (fields 14 and 15 of
+// /proc/PID/stat, counted after the command name's closing parenthesis), or -1.
+int64_t process_cpu_ticks(int32_t pid) {
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return -1;
+    }
+    char buf[1024];
+    ssize_t n = ::read(fd, buf, sizeof(buf) - 1);
+    close(fd);
+    if (n <= 0) {
+        return -1;
+    }
+    buf[n] = '\0';
+    const char* p = strrchr(buf, ')');
+    unsigned long long utime = 0, stime = 0;
+    if (p == nullptr || sscanf(p + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu",
+                               &utime, &stime) != 2) {
+        return -1;
+    }
+    return static_cast<int64_t>(utime + stime);
+}
+
 }  // namespace
 
 Modem::Modem(Settings settings, uint8_t* memory, Trace& trace)
@@ -58,6 +94,26 @@ void Modem::opened(Node node, int flags) {
 void Modem::released(Node node) {
     --handles_[static_cast<int>(node)];
     trace_.line("release %s", node_name(node));
+}
+
+void Modem::clear_marks() {
+    for (BulkMark& m : marks_) {
+        m = BulkMark{};
+    }
+}
+
+// Once per kind and clear the caller's CPU time is read; after that a mark
+// is a clock read and two additions.
+void Modem::note_bulk(Bulk kind, uint64_t bytes) {
+    BulkMark& m = marks_[static_cast<int>(kind)];
+    const uint64_t now = monotonic_ns();
+    if (m.count == 0) {
+        m.first_ns = now;
+        m.cpu_at_first = process_cpu_ticks(caller_);
+    }
+    m.last_ns = now;
+    ++m.count;
+    m.bytes += bytes;
 }
 
 void Modem::clear_queues() {
@@ -151,8 +207,10 @@ IoctlOutcome Modem::ioctl(Node node, uint32_t cmd, uint64_t arg, const void* in,
         in = from_user;
         in_len = sizeof(from_user);
     }
-    char args[256];
-    describe_args(*r, in, in_len, args, sizeof(args));
+    char args[256] = "";
+    if (trace_.enabled()) {
+        describe_args(*r, in, in_len, args, sizeof(args));
+    }
     uint32_t size = ioc_size(cmd);
     if ((ioc_writes_to_driver(cmd) && in_len < size) ||
         (ioc_reads_from_driver(cmd) && out_cap < size)) {
@@ -323,6 +381,7 @@ IoctlOutcome Modem::load_image(const void* in, UserMemory& user) {
         return {-EFAULT, 0};
     }
     facts_.image_bytes += img.len;
+    note_bulk(Bulk::Image, img.len);
     return {0, 0};
 }
 
@@ -591,6 +650,7 @@ int64_t Modem::read_frame(Message& m, uint8_t* buf, size_t len, bool& finished) 
     }
     m.next_frame = f + 1;
     finished = f >= frames;
+    note_bulk(Bulk::Frame, n > udl::kFrameHeaderSize ? n - udl::kFrameHeaderSize : 0);
     trace_.line("read dump FRAME step=%u frame=%u/%u size=%u command=0x%04X -> %zu", step, f,
                 frames, h.size, h.command, n);
     return static_cast<int64_t>(n);
@@ -610,6 +670,7 @@ int64_t Modem::read_region(Message& m, uint8_t* buf, size_t len, bool& finished)
                 static_cast<unsigned long long>(m.done), n);
     m.done += n;
     finished = m.done >= m.total;
+    note_bulk(Bulk::Region, n);
     return static_cast<int64_t>(n);
 }
 

@@ -60,6 +60,22 @@ struct IoctlOutcome {
     size_t out_len = 0;
 };
 
+// Bulk transfers timed for benchmarks: image chunks loaded, dump frames and
+// log-region chunks served.
+enum class Bulk : uint8_t { Image, Frame, Region };
+inline constexpr int kBulkKinds = 3;
+
+// Per kind since the last clear: count and bytes, CLOCK_MONOTONIC of the
+// first and the last one served, and the caller's CPU time (user+system,
+// clock ticks, -1 unknown) when the first one came.
+struct BulkMark {
+    uint64_t count = 0;
+    uint64_t bytes = 0;
+    uint64_t first_ns = 0;
+    uint64_t last_ns = 0;
+    int64_t cpu_at_first = -1;
+};
+
 inline constexpr unsigned kPollIn = 0x001;
 inline constexpr unsigned kPollHup = 0x010;
 
@@ -89,6 +105,11 @@ class Modem {
     const Facts& facts() const { return facts_; }
     Settings& settings() { return settings_; }
     Trace& trace() { return trace_; }
+
+    // The process whose request is being served (for the CPU time of a mark).
+    void set_caller(int32_t pid) { caller_ = pid; }
+    const BulkMark& mark(Bulk kind) const { return marks_[static_cast<int>(kind)]; }
+    void clear_marks();
 
     // Geometry of the dump the CP uploads (without misbehaviour).
     uint32_t step_bytes(uint32_t step) const;
@@ -132,6 +153,7 @@ class Modem {
     uint32_t reason_len() const;
     std::deque<Message>& queue(Node node) { return queues_[static_cast<int>(node)]; }
     void clear_queues();
+    void note_bulk(Bulk kind, uint64_t bytes);
 
     Settings settings_;
     uint8_t* memory_;
@@ -146,6 +168,8 @@ class Modem {
     bool step13_served_ = false;
     int handles_[kNodeCount] = {};
     std::deque<Message> queues_[kNodeCount];
+    int32_t caller_ = 0;
+    BulkMark marks_[kBulkKinds];
 };
 
 }  // namespace vmodem

@@ -20,6 +20,8 @@ class Trace {
     void capture(bool on) { capture_ = on; }
     const std::vector<std::string>& captured() const { return lines_; }
 
+    // False when lines go nowhere: callers may skip formatting their details.
+    bool enabled() const { return fd_ >= 0 || capture_; }
     // printf-style; a line feed is appended.
     void line(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 

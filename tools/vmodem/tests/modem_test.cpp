@@ -6,7 +6,10 @@
 #include <cstring>
 #include <vector>
 
+#include <unistd.h>
+
 #include "boot/cpif.h"
+#include "control.h"
 #include "dump/udl.h"
 #include "payload.h"
 
@@ -303,6 +306,54 @@ TEST_F(ModemTest, SilentCpAtDumpStart) {
     boot_dump_loader();
     put(Node::Dump, 0x9D00);
     EXPECT_EQ(modem_->poll_mask(Node::Dump), 0u);
+}
+
+// The benchmark's timing: each kind counts only its own transfers, the first
+// one samples the caller's CPU time, and a clear starts over.
+TEST_F(ModemTest, BulkMarksCountTransfersPerKind) {
+    make({"dump_size 20000", "dump_steps 1", "region shmem 5000"});
+    modem_->set_caller(getpid());
+    std::vector<uint8_t> chunk(300);
+    cp_image img{reinterpret_cast<uintptr_t>(chunk.data()), 300, 0x1000, 0, 0, 300};
+    io(Node::Boot, IOCTL_POWER_ON);
+    ASSERT_EQ(io(Node::Boot, IOCTL_LOAD_CP_IMAGE, &img), 0);
+    img.m_offset = static_cast<uint32_t>(memory_.size());
+    ASSERT_EQ(io(Node::Boot, IOCTL_LOAD_CP_IMAGE, &img), -EINVAL);  // refused: not counted
+    img.m_offset = 0x2000;
+    img.len = 200;
+    ASSERT_EQ(io(Node::Boot, IOCTL_LOAD_CP_IMAGE, &img), 0);
+    const BulkMark& image = modem_->mark(Bulk::Image);
+    EXPECT_EQ(image.count, 2u);
+    EXPECT_EQ(image.bytes, 500u);
+    EXPECT_GT(image.first_ns, 0u);
+    EXPECT_GE(image.last_ns, image.first_ns);
+    EXPECT_GE(image.cpu_at_first, 0);
+
+    cp_log_dump_info info{};
+    std::strcpy(info.name, "shmem");
+    ASSERT_EQ(io(Node::Dump, IOCTL_GET_LOG_DUMP, &info, &info), 0);
+    std::vector<uint8_t> buf(8192);
+    get(Node::Dump, buf.data(), buf.size());
+    get(Node::Dump, buf.data(), buf.size());
+    EXPECT_EQ(modem_->mark(Bulk::Region).count, 2u);
+    EXPECT_EQ(modem_->mark(Bulk::Region).bytes, 5000u);
+
+    boot_dump_loader();
+    open_dump_stage();
+    put(Node::Dump, 0x9D01);
+    std::vector<uint8_t> dump;
+    read_step(*modem_, dump);
+    EXPECT_EQ(modem_->mark(Bulk::Frame).count, 2u);
+    EXPECT_EQ(modem_->mark(Bulk::Frame).bytes, 20000u);  // payload, not headers
+    EXPECT_EQ(modem_->mark(Bulk::Image).count, 2u);
+
+    std::string reply = control_command(*modem_, "query marks");
+    EXPECT_EQ(reply.rfind("ok image=2:500:", 0), 0u) << reply;
+    EXPECT_NE(reply.find(" frame=2:20000:"), std::string::npos) << reply;
+    EXPECT_NE(reply.find(" region=2:5000:"), std::string::npos) << reply;
+    EXPECT_EQ(control_command(*modem_, "marks_clear"), "ok");
+    EXPECT_EQ(control_command(*modem_, "query marks"),
+              "ok image=0:0:0:0:-1 frame=0:0:0:0:-1 region=0:0:0:0:-1");
 }
 
 TEST_F(ModemTest, LogRegionsArriveInChunks) {
