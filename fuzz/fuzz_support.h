@@ -5,7 +5,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -18,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/rix.h"
@@ -99,7 +97,10 @@ inline void enter_sandbox() {
     }
     setenv("RIX_PROPERTY_DIR", "/data/fuzz/props", 1);
     setenv("RIX_LOG_DIR", "/data/fuzz/android", 1);
-    kmsg_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    // RIX_FUZZ_LOG=1 shows the kernel log copy on stderr, to see what a
+    // single input does.
+    const char* show = getenv("RIX_FUZZ_LOG");
+    kmsg_fd = show != nullptr && show[0] == '1' ? dup(2) : open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (kmsg_fd < 0) {
         die("/dev/null");
     }
@@ -141,10 +142,12 @@ struct Message {
     size_t size;
 };
 
+inline constexpr size_t kMaxMessages = 4096;
+
 inline std::vector<Message> split_messages(const uint8_t* data, size_t size) {
     std::vector<Message> out;
     size_t at = 0;
-    while (at + 2 <= size) {
+    while (at + 2 <= size && out.size() < kMaxMessages) {
         size_t len = data[at] | (static_cast<size_t>(data[at + 1]) << 8);
         at += 2;
         len = len < size - at ? len : size - at;
@@ -155,23 +158,33 @@ inline std::vector<Message> split_messages(const uint8_t* data, size_t size) {
 }
 
 // The CP end of a node: a SOCK_SEQPACKET pair (one message per read, poll
-// works). A thread sends the messages in order while it drains whatever the
-// AP writes, then shuts its sending side so that the AP reads an end of file
-// instead of waiting for its time-out. Destruction closes both ends.
+// works). Every message is queued before the AP starts, then the CP end
+// stops sending, so the AP reads an end of file after the last one instead
+// of waiting for its time-out. Both ends get send buffers large enough for
+// the whole input and the AP's request words, so no thread has to drain
+// them (a thread per run costs more than the run). Destruction closes both.
 class CpFeed {
   public:
-    explicit CpFeed(std::vector<Message> msgs) : msgs_(std::move(msgs)) {
+    explicit CpFeed(const std::vector<Message>& msgs) {
         int sv[2];
         if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) {
             die("socketpair");
         }
         ap_ = sv[0];
         cp_ = sv[1];
-        thread_ = std::thread([this] { run(); });
+        const int room = 64 << 20;
+        if (setsockopt(ap_, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0 ||
+            setsockopt(cp_, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0) {
+            die("SO_SNDBUFFORCE (the fuzzers need root)");
+        }
+        for (const Message& m : msgs) {
+            if (send(cp_, m.data, m.size, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+                die("queue a CP message");
+            }
+        }
+        shutdown(cp_, SHUT_WR);
     }
     ~CpFeed() {
-        shutdown(ap_, SHUT_RDWR);
-        thread_.join();
         close(ap_);
         close(cp_);
     }
@@ -182,39 +195,8 @@ class CpFeed {
     int ap() const { return ap_; }
 
   private:
-    void run() {
-        size_t next = 0;
-        bool sending = true;
-        for (;;) {
-            if (sending && next == msgs_.size()) {
-                shutdown(cp_, SHUT_WR);
-                sending = false;
-            }
-            struct pollfd p = {cp_, static_cast<short>(POLLIN | (sending ? POLLOUT : 0)), 0};
-            if (poll(&p, 1, -1) < 0) {
-                return;
-            }
-            if ((p.revents & (POLLIN | POLLHUP)) != 0) {
-                uint8_t buf[256];
-                if (recv(cp_, buf, sizeof(buf), MSG_DONTWAIT) == 0) {
-                    return;  // the AP is done with the node
-                }
-            }
-            if (sending && (p.revents & POLLOUT) != 0) {
-                const Message& m = msgs_[next];
-                if (send(cp_, m.data, m.size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
-                    ++next;
-                } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
-                    next = msgs_.size();
-                }
-            }
-        }
-    }
-
-    std::vector<Message> msgs_;
     int ap_ = -1;
     int cp_ = -1;
-    std::thread thread_;
 };
 
 }  // namespace fuzz

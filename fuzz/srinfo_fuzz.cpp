@@ -1,6 +1,8 @@
 // The silent-reset block as the driver might hand it over (checks, last-file
 // text, hex rows), and the hand-back from an arbitrary last file.
 // Input: the block (len word and data, zero-filled to the block's size).
+#include <sys/mman.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +18,15 @@ int null_fd() {
     int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         fuzz::die("/dev/null");
+    }
+    return fd;
+}
+
+// A file that takes writes and fsync, as the hex log and the last file do.
+int scratch_fd() {
+    int fd = memfd_create("srinfo", MFD_CLOEXEC);
+    if (fd < 0) {
+        fuzz::die("memfd_create");
     }
     return fd;
 }
@@ -43,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t raw_len = block->len;
 
     SrinfoTarn sr;
-    int out = null_fd();
+    int out = scratch_fd();
     // The hex log takes any len the driver claims: it must stay in the block.
     (void)sr.write_srinfo_file(out, reinterpret_cast<char*>(block->data), raw_len);
     unsigned int len = 0;

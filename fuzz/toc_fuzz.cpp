@@ -65,13 +65,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t part_len = size - 3 - nv_len;
 
     fuzz::write_file(kPartition, part, part_len);
-    unlink(kNvTemp);
-    // A missing NV file is created with the NV entry's size in bytes: only
-    // small ones, so that a run stays fast.
-    if ((flags & kNoNvFile) != 0 && nv_entry_size(part, part_len) <= 0x10000) {
+    // A missing NV file (or fallback copy, after a failed check) is created
+    // with the NV entry's size in bytes: only small ones, so that a run
+    // stays fast. Otherwise both exist and hold the input's NV bytes.
+    const bool may_create = nv_entry_size(part, part_len) <= 0x10000;
+    if ((flags & kNoNvFile) != 0 && may_create) {
         unlink(kNv);
     } else {
         fuzz::write_file(kNv, nv, nv_len);
+    }
+    if (may_create) {
+        unlink(kNvTemp);
+    } else {
+        fuzz::write_file(kNvTemp, nv, nv_len);
     }
     snprintf(rix_args.nv_data_path, sizeof(rix_args.nv_data_path), "%s",
              (flags & kNoNvPath) != 0 ? "" : kNv);
