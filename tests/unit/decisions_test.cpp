@@ -1,0 +1,134 @@
+// Choices the daemon makes where its flow leaves room: a message reaches the kernel log as one
+// record, an NV file that cannot be read whole gets no verdict line, and a dump attempt never
+// keeps the tail of an earlier attempt's files.
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "boot/boot_dump.h"
+#include "boot/nv.h"
+#include "core/rix.h"
+#include "log/log.h"
+#include "rix_test.h"
+
+namespace {
+
+using DecisionsTest = RixTest;
+
+// Each copy of a message is one write: the kernel makes one record of it, so a line is never
+// split, embedded newlines included.
+TEST_F(DecisionsTest, KernelCopyIsOneRecordPerMessage) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
+    kmsg_fd = sv[0];
+    errno = ENOENT;
+    LOGE_AS("status_loop", "%s open fail\n", "/dev/umts_boot0");
+    LOGI_AS("main", "\n\n ---- upload ----\n\n");
+    LOGI_AS("CsumCheckForFile", "%s checksum : %s", "/mnt/vendor/efs/nv_data.bin", "verified");
+    kmsg_fd = kmsg_capture_;
+    close(sv[0]);
+
+    std::vector<std::string> records;
+    char buf[4096];
+    ssize_t n;
+    while ((n = recv(sv[1], buf, sizeof(buf), MSG_DONTWAIT)) > 0) {
+        records.emplace_back(buf, static_cast<size_t>(n));
+    }
+    close(sv[1]);
+    EXPECT_EQ(records,
+              (std::vector<std::string>{
+                  "<3>cpif: rix: (ERR! No such file or directory) status_loop: /dev/umts_boot0 "
+                  "open fail\n",
+                  "<6>cpif: rix: main: \n\n ---- upload ----\n\n",
+                  "<6>cpif: rix: CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : "
+                  "verified"}));
+}
+
+// The verdict line follows only a data check: a file that reads short or is empty gets none.
+TEST_F(DecisionsTest, NvFileThatCannotBeReadWholeGetsNoVerdictLine) {
+    // A sysfs attribute claims 4096 bytes and reads a few.
+    const char* kShort = "/sys/kernel/uevent_seqnum";
+    struct stat st = {};
+    ASSERT_EQ(stat(kShort, &st), 0);
+    ASSERT_EQ(st.st_size, 4096);
+    EXPECT_FALSE(CsumCheckForFile(kShort));
+    EXPECT_EQ(kmsg(), "<6>cpif: rix: CsumCheckForFile: Failed to read data");
+
+    clear_logs();
+    std::ofstream("/data/empty_nv.bin").close();
+    EXPECT_FALSE(CsumCheckForFile("/data/empty_nv.bin"));
+    EXPECT_EQ(kmsg(), "");
+    EXPECT_EQ(radio(), "");
+}
+
+class DumpFilesTest : public RixTest {
+  protected:
+    void SetUp() override {
+        RixTest::SetUp();
+        std::filesystem::create_directories(kLogDir);
+        // Room enough for the free-space rule, whatever the host has.
+        ASSERT_EQ(mount("tmpfs", kLogDir, "tmpfs", 0, "size=1g"), 0);
+        mounted_ = true;
+    }
+    void TearDown() override {
+        if (mounted_) {
+            umount(kLogDir);
+        }
+        RixTest::TearDown();
+    }
+    bool mounted_ = false;
+};
+
+std::string stamp_at(time_t t) {
+    tm local = {};
+    localtime_r(&t, &local);
+    char buf[64];
+    strftime(buf, sizeof(buf), "%Y%m%d-%H%M_%S", &local);
+    return buf;
+}
+
+off_t size_of(int fd) {
+    struct stat st = {};
+    return fstat(fd, &st) == 0 ? st.st_size : -1;
+}
+
+// A second attempt within the same second reuses the file names; it starts the files empty
+// instead of writing over the start of the earlier ones.
+TEST_F(DumpFilesTest, AttemptInTheSameSecondStartsItsFilesEmpty) {
+    ASSERT_EQ(parse({"-t", "vm420"}), 0);
+    debug_level = DBG_MID;
+    // A plain file stands in for the dump node: the version request fails, nothing else.
+    std::ofstream("/data/ramdump_node").close();
+    snprintf(rix_args.dump_node, sizeof(rix_args.dump_node), "%s", "/data/ramdump_node");
+
+    const std::string stale(10000, 'z');
+    const time_t now = time(nullptr);
+    for (time_t t = now; t <= now + 2; t++) {
+        const std::string s = stamp_at(t);
+        for (const std::string& name :
+             {"cpcrash_umts_log_" + s, "cpcrash_umts_info_vm420_" + s, "cpcrash_umts_dump_" + s}) {
+            std::ofstream(std::string(kLogDir) + "/" + name + ".log") << stale;
+        }
+    }
+    BootDump* bd = Container::bootDump;
+    ASSERT_TRUE(bd->std_dump_prepare_args()) << kmsg();
+    const std_dump* d = bd->getStdDump();
+    EXPECT_EQ(size_of(d->info_fd), 0);
+    EXPECT_EQ(size_of(d->dump_fd), 0);
+    // The files are write-only: the log is read back through its name.
+    const std::string log = read_file("/proc/self/fd/" + std::to_string(d->log_fd));
+    EXPECT_EQ(log.find('z'), std::string::npos) << log;
+    EXPECT_NE(log.find("opened (fd "), std::string::npos) << log;
+    bd->std_dump_close_args();
+}
+
+}  // namespace
