@@ -70,6 +70,23 @@ TEST_F(DecisionsTest, NvFileThatCannotBeReadWholeGetsNoVerdictLine) {
     EXPECT_EQ(radio(), "");
 }
 
+// A wake-lock file that cannot be opened (a development system) costs one error line and
+// nothing else: the release still goes to its own file.
+TEST_F(DecisionsTest, UnopenableWakeLockIsOnlyLogged) {
+    ASSERT_EQ(parse({"-t", "vm420"}), 0);
+    std::filesystem::remove("/sys/power/wake_lock");
+    std::filesystem::create_directory("/sys/power/wake_lock");
+    auto* bd = static_cast<BootDumpQuoll*>(Container::bootDump);
+    clear_logs();
+    bd->boot_wake_lock(1);
+    bd->boot_wake_lock(0);
+    EXPECT_EQ(kmsg(),
+              "<3>cpif: rix: (ERR! Is a directory) boot_wake_lock: user wake_lock open fail\n"
+              "<6>cpif: rix: boot_wake_lock: /sys/power/wake_unlock/vm420\n");
+    EXPECT_EQ(read_file("/sys/power/wake_unlock"), "vm420");
+    std::filesystem::remove("/sys/power/wake_lock");
+}
+
 class DumpFilesTest : public RixTest {
   protected:
     void SetUp() override {
