@@ -135,7 +135,14 @@ void op_readdir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_fil
     }
     char buf[1024];
     size_t used = 0;
-    for (int i = static_cast<int>(off); i < kNodeCount; ++i) {
+    // The offset is the one this function handed out (i + 1), but it comes
+    // back from the kernel: whatever its value, it must not index past the
+    // names.
+    int first = 0;
+    if (off > 0) {
+        first = off < kNodeCount ? static_cast<int>(off) : kNodeCount;
+    }
+    for (int i = first; i < kNodeCount; ++i) {
         struct stat st;
         fill_attr(2 + i, st);
         size_t need = fuse_add_direntry(req, buf + used, sizeof(buf) - used, kNames[i], &st, i + 1);
