@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -57,7 +58,13 @@ bool parse(int argc, char** argv, Options& o) {
         } else if (a == "--ready-file") {
             o.ready_file = v;
         } else if (a == "--ready-fd") {
-            o.ready_fd = std::atoi(v.c_str());
+            // Only a whole non-negative number names a descriptor.
+            char* end = nullptr;
+            const long fd = std::strtol(v.c_str(), &end, 10);
+            if (v.empty() || *end != '\0' || fd < 0 || fd > 1 << 20) {
+                return false;
+            }
+            o.ready_fd = static_cast<int>(fd);
         } else {
             return false;
         }
