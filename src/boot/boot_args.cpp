@@ -80,7 +80,8 @@ void BootDump::std_boot_init_args() {
 
 void BootDump::std_boot_close_args() {
     std_boot* b = getStdBoot();
-    static_assert(offsetof(std_boot, fd_spare) + sizeof(b->fd_spare) == kBootDescriptors * 4);
+    static_assert(offsetof(std_boot, fd_spare) + sizeof(b->fd_spare) ==
+                  kBootDescriptors * sizeof(int32_t));
     close_slots(&b->fd, kBootDescriptors);
     std_boot_init_args();
 }
@@ -104,7 +105,8 @@ void BootDump::std_dump_init_args() {
 
 void BootDump::std_dump_close_args() {
     std_dump* d = getStdDump();
-    static_assert(offsetof(std_dump, dump_fd) + 4 == kDumpDescriptors * 4);
+    static_assert(offsetof(std_dump, dump_fd) + sizeof(int32_t) ==
+                  kDumpDescriptors * sizeof(int32_t));
     close_slots(&d->fd, kDumpDescriptors);
     std_dump_init_args();
 }

@@ -29,7 +29,7 @@ const char* wait_nv_validation() {
         if (left == 0) {
             return "TIMEOUT";
         }
-        timespec t = {0, 100 * 1000 * 1000};
+        timespec t = {0, 100L * 1000 * 1000};
         nanosleep(&t, nullptr);
     }
 }
