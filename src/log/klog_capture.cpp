@@ -144,6 +144,7 @@ void Log::save_logs_thread(int flags, char* name) {
     if (debug_level == DBG_LOW || chip_excluded()) {
         return;
     }
+    // cppcheck-suppress legacyUninitvar ; a nothrow new-expression, not a read of args
     auto* args = new (std::nothrow) save_logs_args{};
     if (args == nullptr) {
         return;

@@ -26,9 +26,11 @@ typedef enum android_LogPriority {
     ANDROID_LOG_SILENT,
 } android_LogPriority;
 
-int __android_log_buf_print(int bufID, int prio, const char* tag, const char* fmt, ...)
+// liblog's own names, reserved identifiers or not.
+int __android_log_buf_print(  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+    int bufID, int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
-int __android_log_print(int prio, const char* tag, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));
+int __android_log_print(  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+    int prio, const char* tag, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 
 #endif

@@ -69,6 +69,8 @@ int64_t process_cpu_ticks(int32_t pid) {
     buf[n] = '\0';
     const char* p = strrchr(buf, ')');
     unsigned long long utime = 0, stime = 0;
+    // The count of converted fields is checked.
+    // NOLINTNEXTLINE(cert-err34-c)
     if (p == nullptr || sscanf(p + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu",
                                &utime, &stime) != 2) {
         return -1;
