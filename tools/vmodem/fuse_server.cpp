@@ -341,6 +341,8 @@ int run_fuse(Shared& shared, const std::string& dir, bool debug, void (*on_mount
     }
     fuse_args args = FUSE_ARGS_INIT(static_cast<int>(argv.size()), const_cast<char**>(argv.data()));
     g.session = fuse_session_new(&args, &ops, sizeof(ops), nullptr);
+    // The session may have copied the arguments into storage of its own.
+    fuse_opt_free_args(&args);
     if (g.session == nullptr) {
         return 1;
     }
