@@ -224,11 +224,11 @@ TEST_F(Decisions, CrashWhileBootingIsTwoAtTheFirstReadOrNineAtTheSecond) {
         }
         return false;
     };
-    ASSERT_TRUE(eventually([&] { return seen({"2"}, true); }, 20s)) << kmsg();
+    ASSERT_TRUE(eventually([&] { return seen({"2"}, true); }, 60s)) << kmsg();
     modem().hang_up(9);
-    ASSERT_TRUE(eventually([&] { return seen({"9", "9"}, true); }, 20s)) << kmsg();
+    ASSERT_TRUE(eventually([&] { return seen({"9", "9"}, true); }, 60s)) << kmsg();
     modem().hang_up(4);
-    ASSERT_TRUE(eventually([&] { return seen({"4", "4"}, false); }, 20s)) << kmsg();
+    ASSERT_TRUE(eventually([&] { return seen({"4", "4"}, false); }, 60s)) << kmsg();
     for (const auto& h : handlings()) {
         const bool crash = (h.states.size() == 1 && h.states[0] == "2") ||
                            (h.states.size() == 2 && h.states[0] != "2" && h.states[1] == "9");
@@ -291,7 +291,8 @@ TEST_F(Decisions, CrashResetKeepsTheStartUpDebugLevelACrashReadsItAgain) {
 
     set_property("ro.boot.debug_level", "0x4F4C");
     modem().control("crash_reset");
-    ASSERT_TRUE(wait_logged(kWaiting, 30s, 2)) << radio_log();
+    // 30 s for rild, on the real clock in a sanitized build.
+    ASSERT_TRUE(wait_logged(kWaiting, 60s, 2)) << radio_log();
     EXPECT_EQ(count(info("status_loop", "get event 1")), 1);
     EXPECT_EQ(count(level_high), 1);
     EXPECT_EQ(radio_log().find("check_debug_level: debug_level=0"), std::string::npos);
@@ -302,7 +303,7 @@ TEST_F(Decisions, CrashResetKeepsTheStartUpDebugLevelACrashReadsItAgain) {
     EXPECT_TRUE(eventually([&] { return log_files("cp_boot_done_umts_").size() == 1; }, kWait));
 
     modem().control("crash");
-    ASSERT_TRUE(wait_logged(kWaiting, 30s, 3)) << radio_log();
+    ASSERT_TRUE(wait_logged(kWaiting, 60s, 3)) << radio_log();
     EXPECT_EQ(count(info("check_debug_level", "debug_level=0, cp_debug=0")), 1);
     EXPECT_EQ(count(info("status_loop", "DBG_LOW, wait onrestart by rild")), 1);
     EXPECT_TRUE(log_files("cpcrash_").empty());
