@@ -6,8 +6,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -35,9 +37,10 @@ inline Bytes info(uint32_t dump_size, uint32_t num_steps, uint32_t reason_len) {
 inline Bytes frame(uint32_t command, uint32_t num_frames, uint32_t curr_frame, uint32_t size,
                    const Bytes& payload) {
     const udl::ul_frame_header h = {command, num_frames, curr_frame, size};
-    Bytes b(sizeof(h));
-    memcpy(b.data(), &h, sizeof(h));
-    b.insert(b.end(), payload.begin(), payload.end());
+    const auto* head = reinterpret_cast<const uint8_t*>(&h);
+    Bytes b(head, head + sizeof(h));
+    b.reserve(sizeof(h) + payload.size());
+    std::copy(payload.begin(), payload.end(), std::back_inserter(b));
     return b;
 }
 
