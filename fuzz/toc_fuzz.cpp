@@ -26,10 +26,13 @@ constexpr uint8_t kNoNvPath = 16;
 // Size of the partition's (last) NV entry, 0 without one. Only used to keep
 // the creation of a missing NV file, which writes that many bytes, small.
 uint32_t nv_entry_size(const uint8_t* part, size_t size) {
+    // As the daemon reads it: a short partition leaves the rest zero.
+    uint8_t table[kTocSize] = {};
+    memcpy(table, part, size < sizeof(table) ? size : sizeof(table));
     uint32_t found = 0;
-    for (size_t i = 0; i < kTocEntries && (i + 1) * sizeof(toc_entry) <= size; i++) {
+    for (size_t i = 0; i < kTocEntries; i++) {
         toc_entry e;
-        memcpy(&e, part + i * sizeof(toc_entry), sizeof(e));
+        memcpy(&e, table + i * sizeof(toc_entry), sizeof(e));
         if (toc_name_is(e, "NV")) {
             found = e.size;
         }
