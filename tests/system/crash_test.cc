@@ -14,27 +14,8 @@
 namespace systest {
 namespace {
 
-const LogLine kWaiting = info("status_loop", "Wait event from modem type: 1");
-const LogLine kLoopExit = info("status_loop", "status loop exit");
-const LogLine kCallBoot = info("main", "Call boot start");
 const LogLine kStatusReset = info("status_loop", "CP status RESET");
 const LogLine kStartDumpFail = info("status_loop", "start_dump fail");
-const std::string kLogDir = "/data/vendor/log/rix";
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        out.push_back(line);
-    }
-    return out;
-}
-
-int count_prefix(const std::vector<std::string>& lines, const std::string& prefix) {
-    return static_cast<int>(std::count_if(
-        lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }));
-}
 
 // Compares a file with `size` bytes of the stream `seed` of payload.h, a MiB at a time.
 // Returns an empty text when they are equal, else what differs.

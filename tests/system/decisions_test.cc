@@ -14,26 +14,7 @@
 namespace systest {
 namespace {
 
-const LogLine kWaiting = info("status_loop", "Wait event from modem type: 1");
-const LogLine kLoopExit = info("status_loop", "status loop exit");
-const LogLine kCallBoot = info("main", "Call boot start");
 const LogLine kBootFailed = info("main", "start boot fail");
-const std::string kLogDir = "/data/vendor/log/rix";
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        out.push_back(line);
-    }
-    return out;
-}
-
-int count_prefix(const std::vector<std::string>& lines, const std::string& prefix) {
-    return static_cast<int>(std::count_if(
-        lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }));
-}
 
 class Decisions : public Phone {
   protected:

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +14,25 @@
 namespace fs = std::filesystem;
 
 namespace systest {
+
+const LogLine kWaiting = info("status_loop", "Wait event from modem type: 1");
+const LogLine kLoopExit = info("status_loop", "status loop exit");
+const LogLine kCallBoot = info("main", "Call boot start");
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        out.push_back(line);
+    }
+    return out;
+}
+
+int count_prefix(const std::vector<std::string>& lines, const std::string& prefix) {
+    return static_cast<int>(std::count_if(
+        lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }));
+}
 
 namespace {
 

@@ -46,6 +46,17 @@ LogLine error(const std::string& err, const std::string& fn, const std::string& 
 // deadlocks, so a sanitized daemon runs on the real clock.
 inline constexpr int kClockSpeed = RIX_SANITIZED ? 1 : 10;
 
+// Messages and places many tests look for.
+inline const std::string kLogDir = "/data/vendor/log/rix";
+extern const LogLine kWaiting;   // the status loop waits for an event
+extern const LogLine kLoopExit;  // the status loop ended
+extern const LogLine kCallBoot;  // a boot starts
+
+// The lines of a text, without their line feeds.
+std::vector<std::string> lines_of(const std::string& text);
+// How many of the lines begin with `prefix`.
+int count_prefix(const std::vector<std::string>& lines, const std::string& prefix);
+
 // How the sandbox around the daemon is set up (see vphone --help).
 struct Sandbox {
     std::vector<std::string> omit_nodes;  // e.g. "ramdump_memshare"

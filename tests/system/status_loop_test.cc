@@ -8,8 +8,6 @@ namespace {
 
 using StatusLoop = Phone;
 
-const LogLine kWaiting = info("status_loop", "Wait event from modem type: 1");
-
 TEST_F(StatusLoop, UnknownStateIsLoggedAndTheLoopWaitsAgain) {
     build_modem();
     start_modem();
