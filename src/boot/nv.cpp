@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,25 @@ namespace {
 
 // Writes a file of `size` bytes of 0xFF, which the CP takes as an erased NV
 // and fills in itself.
+constexpr size_t kNvFillChunk = 1 << 20;
+
+// Writes `size` bytes from the erased buffer, `chunk` at a time. Returns the
+// bytes written, or -1 when the first write fails.
+ssize_t fill_erased(int fd, const void* buf, size_t chunk, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        ssize_t n = write(fd, buf, std::min(chunk, size - done));
+        if (n < 0) {
+            return done == 0 ? -1 : static_cast<ssize_t>(done);
+        }
+        if (n == 0) {
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
 bool create_empty_nv(const char* path, int size) {
     LOGI("try to create NV(%s) with size(%ld)\n", path, static_cast<long>(size));
     int fd = open(path, O_RDWR | O_CREAT | O_SYNC, 0660);
@@ -27,13 +47,16 @@ bool create_empty_nv(const char* path, int size) {
     }
     bool ok = false;
     void* buf = nullptr;
+    // The size comes from the partition's TOC: the erased file is written
+    // from one buffer of at most kNvFillChunk bytes, never held whole.
+    const size_t chunk = size > 0 ? std::min(static_cast<size_t>(size), kNvFillChunk) : 0;
     if (size <= 0) {
         LOGI("ERR! wrong size(%ld)\n", static_cast<long>(size));
-    } else if ((buf = malloc(static_cast<size_t>(size))) == nullptr) {
+    } else if ((buf = malloc(chunk)) == nullptr) {
         LOGI("ERR! malloc(%ld) fail\n", static_cast<long>(size));
     } else {
-        memset(buf, 0xFF, static_cast<size_t>(size));
-        ssize_t written = write(fd, buf, static_cast<size_t>(size));
+        memset(buf, 0xFF, chunk);
+        ssize_t written = fill_erased(fd, buf, chunk, static_cast<size_t>(size));
         if (written < 0) {
             LOGE("ERR! NV(%s) write fail\n", path);
         } else if (written != size) {
