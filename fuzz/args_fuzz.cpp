@@ -40,9 +40,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Container::reset();
     (void)Container::parseArgs(static_cast<int>(args.size()), argv.data());
     // Every path stays terminated inside its field, whatever was refused.
-    const char* const fields[] = {rix_args.boot_node,    rix_args.dump_node,
+    const char* const fields[] = {rix_args.boot_node,      rix_args.dump_node,
                                   rix_args.partition_path, rix_args.nv_data_path,
-                                  rix_args.nv_temp_path, rix_args.modem_name};
+                                  rix_args.nv_temp_path,   rix_args.modem_name};
     const size_t sizes[] = {sizeof(rix_args.boot_node),      sizeof(rix_args.dump_node),
                             sizeof(rix_args.partition_path), sizeof(rix_args.nv_data_path),
                             sizeof(rix_args.nv_temp_path),   sizeof(rix_args.modem_name)};

@@ -23,15 +23,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     close(fd);
 
-    static const char* const kKeys[] = {"pax_debug.level=", "pax_debug.enable=", "pax_debug.cp=",
-                                        "a", ""};
+    static const char* const kKeys[] = {
+        "pax_debug.level=", "pax_debug.enable=", "pax_debug.cp=", "a", ""};
     for (const char* key : kKeys) {
         char buf[4096];
         memset(buf, 0, sizeof(buf));
         const char* token = Util::get_cmdline_str(buf, sizeof(buf), key);
         if (token != nullptr &&
             (token < buf || token >= buf + sizeof(buf) || strncmp(token, key, strlen(key)) != 0 ||
-             strnlen(token, buf + sizeof(buf) - token) == static_cast<size_t>(buf + sizeof(buf) - token))) {
+             strnlen(token, buf + sizeof(buf) - token) ==
+                 static_cast<size_t>(buf + sizeof(buf) - token))) {
             abort();
         }
     }

@@ -25,12 +25,7 @@ int open_out(const char* path) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::enter_sandbox();
-    static char name[] = "vm420";
-    char* argv[] = {const_cast<char*>("rix"), const_cast<char*>("-t"), name, nullptr};
-    if (Container::parseArgs(3, argv) != 0) {
-        abort();
-    }
-    Container::protocol = new ProtocolTarn();
+    fuzz::select_modem();
     return 0;
 }
 

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "core/rix.h"
+#include "dump/protocol.h"
 #include "log/log.h"
 
 namespace fuzz {
@@ -111,6 +112,19 @@ inline void enter_sandbox() {
 
 // Aborts when a run leaves a descriptor open: the lowest free descriptor
 // must be the same after the run as before it.
+// Reads "-t vm420" as the daemon would, so the controller, its records and
+// the protocol object exist.
+inline void select_modem() {
+    static char name[] = "vm420";
+    char* argv[] = {const_cast<char*>("rix"), const_cast<char*>("-t"), name, nullptr};
+    if (Container::parseArgs(3, argv) != 0) {
+        abort();
+    }
+    if (Container::protocol == nullptr) {
+        Container::protocol = new ProtocolTarn();
+    }
+}
+
 class FdLeakCheck {
   public:
     FdLeakCheck() : lowest_(lowest_free()) {}

@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     // What property_set accepts comes back unchanged.
-    std::string text(reinterpret_cast<const char*>(data), strnlen(reinterpret_cast<const char*>(data), size));
+    std::string text(reinterpret_cast<const char*>(data),
+                     strnlen(reinterpret_cast<const char*>(data), size));
     if (property_set("fuzz.set", text.c_str()) == 0 && !text.empty()) {
         property_get("fuzz.set", value, "");
         if (text != value) {

@@ -35,11 +35,7 @@ int scratch_fd() {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::enter_sandbox();
-    static char name[] = "vm420";
-    char* argv[] = {const_cast<char*>("rix"), const_cast<char*>("-t"), name, nullptr};
-    if (Container::parseArgs(3, argv) != 0) {
-        abort();
-    }
+    fuzz::select_modem();
     mkdir("/data/vendor", 0755);
     mkdir("/data/vendor/log", 0755);
     mkdir("/data/vendor/log/rix", 0755);

@@ -44,11 +44,7 @@ uint32_t nv_entry_size(const uint8_t* part, size_t size) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::enter_sandbox();
-    static char name[] = "vm420";
-    char* argv[] = {const_cast<char*>("rix"), const_cast<char*>("-t"), name, nullptr};
-    if (Container::parseArgs(3, argv) != 0) {
-        abort();
-    }
+    fuzz::select_modem();
     // The boot node must open; nothing is sent through it here.
     snprintf(rix_args.boot_node, sizeof(rix_args.boot_node), "%s", "/dev/null");
     snprintf(rix_args.partition_path, sizeof(rix_args.partition_path), "%s", kPartition);
