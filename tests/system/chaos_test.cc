@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 
 // The default keeps a CI run within a few minutes: the fast clock makes a round cost a few
 // seconds, the real clock of a sanitized daemon up to a minute.
-constexpr const char* kDefaultSeeds = RIX_SANITIZED ? "1-3" : "1-6";
+constexpr const char* kDefaultSeeds = RIX_SANITIZED ? "1-6" : "1-16";
 constexpr int kRounds = 3;  // misbehaviour rounds per seed
 
 const LogLine kBootDone = info("main", "Boot up process done!!!");
