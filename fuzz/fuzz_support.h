@@ -78,7 +78,7 @@ inline void enter_sandbox() {
     }
     for (const char* dir : {"/data", "/efs"}) {
         mkdir(dir, 0755);
-        if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755,size=256m") != 0) {
+        if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755,size=64m") != 0) {
             die(dir);
         }
     }
