@@ -32,7 +32,7 @@ bool number(const char* text, uint64_t& out) {
 }
 
 int image(int argc, char** argv) {
-    mkmodem::ImageSpec spec;
+    mkmodem::ImageSpec req;
     for (int i = 3; i < argc; ++i) {
         std::string a = argv[i];
         uint64_t v = 0;
@@ -41,11 +41,11 @@ int image(int argc, char** argv) {
                 return usage();
             }
             if (a == "--count") {
-                spec.toc_count = static_cast<uint32_t>(v);
+                req.toc_count = static_cast<uint32_t>(v);
             } else if (a == "--align") {
-                spec.align = static_cast<uint32_t>(v);
+                req.align = static_cast<uint32_t>(v);
             } else {
-                spec.m_base = static_cast<uint32_t>(v);
+                req.m_base = static_cast<uint32_t>(v);
             }
             continue;
         }
@@ -55,9 +55,9 @@ int image(int argc, char** argv) {
             fprintf(stderr, "mkmodem: %s\n", err.c_str());
             return 2;
         }
-        spec.parts.push_back(part);
+        req.parts.push_back(part);
     }
-    std::string err = mkmodem::write_image(spec, argv[2]);
+    std::string err = mkmodem::write_image(req, argv[2]);
     if (!err.empty()) {
         fprintf(stderr, "mkmodem: %s\n", err.c_str());
         return 1;
@@ -66,26 +66,26 @@ int image(int argc, char** argv) {
 }
 
 int nv(int argc, char** argv) {
-    mkmodem::NvSpec spec;
+    mkmodem::NvSpec req;
     bool sized = false;
     for (int i = 3; i < argc; ++i) {
         std::string a = argv[i];
         uint64_t v = 0;
         if (a == "--corrupt") {
-            spec.corrupt = true;
+            req.corrupt = true;
         } else if (i + 1 < argc && a == "--seed-name") {
-            spec.seed_name = argv[++i];
+            req.seed_name = argv[++i];
         } else if (i + 1 < argc && number(argv[i + 1], v) && v <= UINT32_MAX) {
             ++i;
             if (a == "--total-size") {
-                spec.total_size = static_cast<uint32_t>(v);
+                req.total_size = static_cast<uint32_t>(v);
                 sized = true;
             } else if (a == "--erased") {
-                spec.erased = true;
-                spec.erased_size = static_cast<uint32_t>(v);
+                req.erased = true;
+                req.erased_size = static_cast<uint32_t>(v);
                 sized = true;
             } else if (a == "--file-size") {
-                spec.file_size = v;
+                req.file_size = v;
             } else {
                 return usage();
             }
@@ -96,7 +96,7 @@ int nv(int argc, char** argv) {
     if (!sized) {
         return usage();
     }
-    std::string err = mkmodem::write_nv(spec, argv[2]);
+    std::string err = mkmodem::write_nv(req, argv[2]);
     if (!err.empty()) {
         fprintf(stderr, "mkmodem: %s\n", err.c_str());
         return 1;

@@ -46,17 +46,17 @@ std::string write_erased(int fd, uint32_t size) {
     return "";
 }
 
-std::string write_valid(int fd, const NvSpec& spec) {
+std::string write_valid(int fd, const NvSpec& req) {
     uint8_t header[kNvHeaderSize] = {'V', 'M', 'N', 'V', 1, 0, 0, 0};
-    std::memcpy(header + kNvTotalSizeOffset, &spec.total_size, 4);
+    std::memcpy(header + kNvTotalSizeOffset, &req.total_size, 4);
     if (!put(fd, header, sizeof(header), 0)) {
         return strerror(errno);
     }
-    const uint64_t seed = payload::stream_seed(0, spec.seed_name);
+    const uint64_t seed = payload::stream_seed(0, req.seed_name);
     std::vector<uint8_t> buf(1 << 16);
     NvChecksum sum;
-    for (uint64_t done = 0; done < spec.total_size;) {
-        size_t n = static_cast<size_t>(std::min<uint64_t>(buf.size(), spec.total_size - done));
+    for (uint64_t done = 0; done < req.total_size;) {
+        size_t n = static_cast<size_t>(std::min<uint64_t>(buf.size(), req.total_size - done));
         payload::fill(seed, done, buf.data(), n);
         sum.add(buf.data(), n);
         if (!put(fd, buf.data(), n, kNvHeaderSize + done)) {
@@ -65,11 +65,11 @@ std::string write_valid(int fd, const NvSpec& spec) {
         done += n;
     }
     uint8_t pad = 0xFF;
-    if ((spec.total_size & 1) && !put(fd, &pad, 1, kNvHeaderSize + uint64_t{spec.total_size})) {
+    if ((req.total_size & 1) && !put(fd, &pad, 1, kNvHeaderSize + uint64_t{req.total_size})) {
         return strerror(errno);
     }
-    uint16_t check = static_cast<uint16_t>(sum.value() + (spec.corrupt ? 1 : 0));
-    if (!put(fd, &check, 2, nv_checksum_offset(spec.total_size))) {
+    uint16_t check = static_cast<uint16_t>(sum.value() + (req.corrupt ? 1 : 0));
+    if (!put(fd, &check, 2, nv_checksum_offset(req.total_size))) {
         return strerror(errno);
     }
     return "";
@@ -77,13 +77,13 @@ std::string write_valid(int fd, const NvSpec& spec) {
 
 }  // namespace
 
-std::string write_nv(const NvSpec& spec, const std::string& path) {
+std::string write_nv(const NvSpec& req, const std::string& path) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         return path + ": " + strerror(errno);
     }
-    std::string err = spec.erased ? write_erased(fd, spec.erased_size) : write_valid(fd, spec);
-    if (err.empty() && spec.file_size && ftruncate(fd, static_cast<off_t>(*spec.file_size)) != 0) {
+    std::string err = req.erased ? write_erased(fd, req.erased_size) : write_valid(fd, req);
+    if (err.empty() && req.file_size && ftruncate(fd, static_cast<off_t>(*req.file_size)) != 0) {
         err = strerror(errno);
     }
     close(fd);

@@ -42,6 +42,6 @@ constexpr uint64_t nv_checksum_offset(uint32_t total_size) {
 }
 
 // Writes the NV file; returns "" or the reason.
-std::string write_nv(const NvSpec& spec, const std::string& path);
+std::string write_nv(const NvSpec& req, const std::string& path);
 
 }  // namespace mkmodem

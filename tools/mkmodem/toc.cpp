@@ -122,16 +122,16 @@ std::string parse_part(const std::string& text, PartSpec& out) {
     return "";
 }
 
-std::vector<toc_entry> layout(ImageSpec& spec, std::string& err) {
+std::vector<toc_entry> layout(ImageSpec& req, std::string& err) {
     std::vector<toc_entry> toc(kTocEntries);
-    if (spec.parts.size() > kTocEntries) {
+    if (req.parts.size() > kTocEntries) {
         err = "the TOC holds at most 16 entries";
         return toc;
     }
-    uint64_t b_cursor = align_up(kTocSize, spec.align);
-    uint64_t m_cursor = spec.m_base;
-    for (size_t i = 0; i < spec.parts.size(); ++i) {
-        PartSpec& p = spec.parts[i];
+    uint64_t b_cursor = align_up(kTocSize, req.align);
+    uint64_t m_cursor = req.m_base;
+    for (size_t i = 0; i < req.parts.size(); ++i) {
+        PartSpec& p = req.parts[i];
         if (!p.size) {
             struct stat st {};
             if (!p.file.empty() && stat(p.file.c_str(), &st) == 0) {
@@ -148,10 +148,10 @@ std::vector<toc_entry> layout(ImageSpec& spec, std::string& err) {
         }
         if (!outside_partition(p.name)) {
             b_cursor =
-                std::max<uint64_t>(b_cursor, align_up(uint64_t{*p.b_off} + *p.size, spec.align));
+                std::max<uint64_t>(b_cursor, align_up(uint64_t{*p.b_off} + *p.size, req.align));
         }
         m_cursor = std::max<uint64_t>(
-            m_cursor, align_up(uint64_t{*p.m_off & 0x3FFFFFFFu} + *p.size, spec.align));
+            m_cursor, align_up(uint64_t{*p.m_off & 0x3FFFFFFFu} + *p.size, req.align));
         if (b_cursor > UINT32_MAX || m_cursor > UINT32_MAX) {
             err = "the parts do not fit 32-bit offsets";
             return toc;
@@ -163,13 +163,13 @@ std::vector<toc_entry> layout(ImageSpec& spec, std::string& err) {
         e.size = *p.size;
         e.crc = p.crc.value_or(0);
     }
-    toc[0].toc_count = spec.toc_count.value_or(static_cast<uint32_t>(spec.parts.size()));
+    toc[0].toc_count = req.toc_count.value_or(static_cast<uint32_t>(req.parts.size()));
     return toc;
 }
 
-std::string write_image(ImageSpec spec, const std::string& path) {
+std::string write_image(ImageSpec req, const std::string& path) {
     std::string err;
-    std::vector<toc_entry> toc = layout(spec, err);
+    std::vector<toc_entry> toc = layout(req, err);
     if (!err.empty()) {
         return err;
     }
@@ -178,8 +178,8 @@ std::string write_image(ImageSpec spec, const std::string& path) {
         return path + ": " + strerror(errno);
     }
     uint64_t end = kTocSize;
-    for (size_t i = 0; i < spec.parts.size() && err.empty(); ++i) {
-        const PartSpec& p = spec.parts[i];
+    for (size_t i = 0; i < req.parts.size() && err.empty(); ++i) {
+        const PartSpec& p = req.parts[i];
         if (p.name == "TOC") {
             continue;  // the table itself, written last
         }
@@ -193,8 +193,8 @@ std::string write_image(ImageSpec spec, const std::string& path) {
         }
     }
     // The TOC entry's crc covers the table as written (its own crc field 0).
-    for (size_t i = 0; i < spec.parts.size(); ++i) {
-        if (spec.parts[i].name == "TOC" && !spec.parts[i].crc) {
+    for (size_t i = 0; i < req.parts.size(); ++i) {
+        if (req.parts[i].name == "TOC" && !req.parts[i].crc) {
             toc[i].crc = static_cast<uint32_t>(
                 crc32(crc32(0, nullptr, 0), reinterpret_cast<const Bytef*>(toc.data()), kTocSize));
         }

@@ -37,10 +37,10 @@ struct ImageSpec {
 std::string parse_part(const std::string& text, PartSpec& out);
 
 // Fills in the defaults and returns the 16 entries; "" or the reason in err.
-std::vector<toc_entry> layout(ImageSpec& spec, std::string& err);
+std::vector<toc_entry> layout(ImageSpec& req, std::string& err);
 
 // Writes the image to path, streaming each part. Returns "" or the reason.
-std::string write_image(ImageSpec spec, const std::string& path);
+std::string write_image(ImageSpec req, const std::string& path);
 
 // True for parts whose bytes are not in the partition (the NV data and the
 // TOC itself, which is the table).

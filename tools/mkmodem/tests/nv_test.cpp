@@ -40,9 +40,9 @@ TEST(NvChecksum, PiecesOfAnyLengthGiveTheSameSum) {
 
 class NvFileTest : public ::testing::Test {
   protected:
-    std::vector<uint8_t> write(const NvSpec& spec) {
+    std::vector<uint8_t> write(const NvSpec& req) {
         std::string path = ::testing::TempDir() + "/nv_test.bin";
-        EXPECT_EQ(write_nv(spec, path), "");
+        EXPECT_EQ(write_nv(req, path), "");
         std::ifstream in(path, std::ios::binary);
         return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), {});
     }
@@ -59,9 +59,9 @@ class NvFileTest : public ::testing::Test {
 };
 
 TEST_F(NvFileTest, OddTotalSizeHasPadAndValidCheck) {
-    NvSpec spec;
-    spec.total_size = 3;
-    auto f = write(spec);
+    NvSpec req;
+    req.total_size = 3;
+    auto f = write(req);
     ASSERT_EQ(f.size(), 22u);  // 16 + 3 + pad + 2
     EXPECT_EQ(u32(f, 8), 3u);
     EXPECT_EQ(nv_checksum_offset(3), 20u);
@@ -70,29 +70,29 @@ TEST_F(NvFileTest, OddTotalSizeHasPadAndValidCheck) {
 }
 
 TEST_F(NvFileTest, EvenSizeCorruptAndCut) {
-    NvSpec spec;
-    spec.total_size = 1000;
-    auto good = write(spec);
+    NvSpec req;
+    req.total_size = 1000;
+    auto good = write(req);
     ASSERT_EQ(good.size(), 16u + 1000 + 2);
     NvChecksum c;
     c.add(good.data() + 16, 1000);
     EXPECT_EQ(u16(good, 1016), c.value());
 
-    spec.corrupt = true;
-    auto bad = write(spec);
+    req.corrupt = true;
+    auto bad = write(req);
     EXPECT_NE(u16(bad, 1016), c.value());
     EXPECT_TRUE(std::equal(good.begin(), good.begin() + 1016, bad.begin()));
 
-    spec.corrupt = false;
-    spec.file_size = 17;  // TotalSize says more than the file holds
-    EXPECT_EQ(write(spec).size(), 17u);
+    req.corrupt = false;
+    req.file_size = 17;  // TotalSize says more than the file holds
+    EXPECT_EQ(write(req).size(), 17u);
 }
 
 TEST_F(NvFileTest, ErasedDefaultFile) {
-    NvSpec spec;
-    spec.erased = true;
-    spec.erased_size = 4096;
-    auto f = write(spec);
+    NvSpec req;
+    req.erased = true;
+    req.erased_size = 4096;
+    auto f = write(req);
     ASSERT_EQ(f.size(), 4096u);
     EXPECT_EQ(u32(f, 8), kNvDefaultTotalSize);
     EXPECT_TRUE(std::all_of(f.begin(), f.end(), [](uint8_t b) { return b == 0xFF; }));

@@ -28,7 +28,7 @@ class ImageTest : public ::testing::Test {
         EXPECT_EQ(system(cmd.c_str()), 0);  // NOLINT(cert-env33-c)
     }
 
-    ImageSpec spec(std::initializer_list<const char*> parts) {
+    ImageSpec req(std::initializer_list<const char*> parts) {
         ImageSpec s;
         for (const char* p : parts) {
             PartSpec part;
@@ -54,8 +54,8 @@ class ImageTest : public ::testing::Test {
 
 TEST_F(ImageTest, DefaultLayoutStreamsPatternPartsAfterTheToc) {
     std::string path = dir_ + "/modem.bin";
-    ASSERT_EQ(write_image(spec({"TOC", "BOOT:size=5000", "MAIN:size=70000,m_off=0xC0200000",
-                                "VSS:size=100", "NV:size=0x8000"}),
+    ASSERT_EQ(write_image(req({"TOC", "BOOT:size=5000", "MAIN:size=70000,m_off=0xC0200000",
+                               "VSS:size=100", "NV:size=0x8000"}),
                           path),
               "");
     auto image = bytes(path);
@@ -88,8 +88,8 @@ TEST_F(ImageTest, PartFromFileIsPaddedToItsSize) {
     std::string part = dir_ + "/boot.img";
     std::ofstream(part) << "hello";
     std::string path = dir_ + "/modem.bin";
-    ASSERT_EQ(
-        write_image(spec({("BOOT:file=" + part + ",size=8,b_off=0x800,crc=7").c_str()}), path), "");
+    ASSERT_EQ(write_image(req({("BOOT:file=" + part + ",size=8,b_off=0x800,crc=7").c_str()}), path),
+              "");
     auto image = bytes(path);
     auto toc = toc_of(image);
     EXPECT_EQ(toc[0].b_off, 0x800u);
@@ -100,7 +100,7 @@ TEST_F(ImageTest, PartFromFileIsPaddedToItsSize) {
 
 TEST_F(ImageTest, BrokenTocsOnRequest) {
     std::string path = dir_ + "/bad.bin";
-    ImageSpec s = spec({"BOOT:size=1", "TOC:m_off=0", "ABCDEFGHIJKL:size=1"});
+    ImageSpec s = req({"BOOT:size=1", "TOC:m_off=0", "ABCDEFGHIJKL:size=1"});
     s.toc_count = 17;
     ASSERT_EQ(write_image(s, path), "");
     auto toc = toc_of(bytes(path));
