@@ -650,8 +650,14 @@ int64_t Modem::read_frame(Message& m, uint8_t* buf, size_t len, bool& finished) 
         payload::fill(settings_.dump_seed, step_offset(step) + uint64_t(f - 1) * fp,
                       buf + udl::kFrameHeaderSize, n - udl::kFrameHeaderSize);
     }
-    m.next_frame = f + 1;
-    finished = f >= frames;
+    // A step whose remaining frames are all skipped ends here, so that
+    // poll never reports POLLIN for a message with nothing left to read.
+    uint32_t next = f + 1;
+    while (next <= frames && settings_.frame_skip.count({step, next})) {
+        ++next;
+    }
+    m.next_frame = next;
+    finished = next > frames;
     note_bulk(Bulk::Frame, n > udl::kFrameHeaderSize ? n - udl::kFrameHeaderSize : 0);
     trace_.line("read dump FRAME step=%u frame=%u/%u size=%u command=0x%04X -> %zu", step, f,
                 frames, h.size, h.command, n);
