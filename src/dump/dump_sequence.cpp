@@ -13,6 +13,7 @@
 
 #include "boot/boot_dump.h"
 #include "core/util.h"
+#include "dump/log_dump.h"
 #include "dump/protocol.h"
 #include "log/log.h"
 #include "platform/properties.h"
@@ -64,10 +65,7 @@ struct DumpNames {
 DumpNames make_names() {
     DumpNames n = {};
     snprintf(n.base, sizeof(n.base), "cpcrash_%s", rix_args.dev_prefix);
-    time_t now = time(nullptr);
-    tm local = {};
-    localtime_r(&now, &local);
-    strftime(n.stamp, sizeof(n.stamp), "%Y%m%d-%H%M_%S", &local);
+    dump_time_stamp(n.stamp, sizeof(n.stamp));
     return n;
 }
 

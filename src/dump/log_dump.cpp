@@ -23,16 +23,6 @@ namespace {
 // The region's messages carry the name of the region request.
 constexpr char kFn[] = "get_log_dump";
 
-// The local time of this very call: every region file has its own.
-void region_time_stamp(char* buf, size_t size) {
-    const time_t now = time(nullptr);
-    struct tm tm = {};
-    localtime_r(&now, &tm);
-    if (strftime(buf, size, "%Y%m%d-%H%M_%S", &tm) == 0) {
-        buf[0] = '\0';
-    }
-}
-
 // Streams `size` bytes of the requested region into fd. Returns the length of
 // the last chunk written (0 when there was none) or a negative result; the
 // count received so far is in `received` either way.
@@ -61,9 +51,18 @@ int receive_region(int fd, uint32_t size, uint64_t& received) {
 
 }  // namespace
 
+void dump_time_stamp(char* buf, size_t size) {
+    const time_t now = time(nullptr);
+    struct tm tm = {};
+    localtime_r(&now, &tm);
+    if (strftime(buf, size, "%Y%m%d-%H%M_%S", &tm) == 0) {
+        buf[0] = '\0';
+    }
+}
+
 int save_log_region(const char* name, uint32_t size) {
     char ts[64];
-    region_time_stamp(ts, sizeof(ts));
+    dump_time_stamp(ts, sizeof(ts));
     char path[kPathLen];
     const int len = snprintf(path, sizeof(path), "%s/cpcrash_%s_dump_%s_%s.log", log_dir, name,
                              rix_args.dev_prefix, ts);

@@ -2,7 +2,11 @@
 // node, its bytes arrive as plain chunks, and they go to a file of their own.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+
+// The local time now as the dump files name it: "%Y%m%d-%H%M_%S".
+void dump_time_stamp(char* buf, size_t size);
 
 // Receives the announced `size` bytes of region `name` into
 // "<log_dir>/cpcrash_<name>_dump_<prefix>_<time stamp>.log", a file made for
