@@ -65,11 +65,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         (void)write_srinfo_last(out, block);
         (void)sr.write_srinfo_file(out, reinterpret_cast<char*>(block->data), len);
     }
-    // Rows at every offset of the block, with every length up to the room.
+    // The hex log above formats every row below the length; these are the
+    // rows around the end of an arbitrary length and the last of the block,
+    // each a whole fixed-width line.
     char row[kSrinfoRowLen];
     const size_t rows_len = raw_len % (kSrinfoDataLen + 1);
-    for (size_t off = 0; off < kSrinfoDataLen; off += 16) {
-        (void)srinfo_hex_row(row, block->data, rows_len, off);
+    const size_t edge = rows_len & ~size_t{15};
+    for (size_t off : {edge, edge + 16, kSrinfoDataLen - 16}) {
+        if (off < kSrinfoDataLen &&
+            (srinfo_hex_row(row, block->data, rows_len, off) != kSrinfoRowLen ||
+             row[kSrinfoRowLen - 1] != '\n')) {
+            abort();
+        }
     }
     close(out);
     free(block);

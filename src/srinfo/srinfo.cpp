@@ -50,6 +50,16 @@ inline constexpr size_t kHeaderLen = sizeof("[2026-11-16 15:01:02]\n") - 1;
 inline constexpr size_t kMaxRows = (kSrinfoDataLen + 15) / 16;
 inline constexpr size_t kEntryLen = kHeaderLen + kMaxRows * kSrinfoRowLen + 1;
 
+// Writes the low `digits` hex digits of v, lower case; returns the end.
+char* put_hex(char* out, uint32_t v, int digits) {
+    static const char kDigits[] = "0123456789abcdef";
+    for (int i = digits - 1; i >= 0; i--) {
+        out[i] = kDigits[v & 0xF];
+        v >>= 4;
+    }
+    return out + digits;
+}
+
 }  // namespace
 
 bool srinfo_check_block(srinfo_block* block, unsigned int* len) {
@@ -88,11 +98,17 @@ size_t srinfo_hex_row(char* out, const uint8_t* data, size_t len, size_t off) {
         text[i] = row[i] >= 0x22 && row[i] <= 0x7D ? static_cast<char>(row[i]) : '.';
     }
     text[16] = '\0';
-    // The offset stays below 0x10000, so the row is always kSrinfoRowLen long.
-    char line[kSrinfoRowLen + 1];
-    snprintf(line, sizeof(line), "%04x:%08x %08x %08x %08x %s\n", static_cast<unsigned>(off),
-             le32(row), le32(row + 4), le32(row + 8), le32(row + 12), text);
-    memcpy(out, line, kSrinfoRowLen);
+    // "%04x:%08x %08x %08x %08x %s\n" with the words little-endian, formatted
+    // by hand: a hex log entry is hundreds of rows. The offset stays below
+    // 0x10000, so the row is always kSrinfoRowLen long.
+    char* p = put_hex(out, static_cast<uint32_t>(off), 4);
+    *p++ = ':';
+    for (size_t w = 0; w < 4; w++) {
+        p = put_hex(p, le32(row + 4 * w), 8);
+        *p++ = ' ';
+    }
+    memcpy(p, text, 16);
+    p[16] = '\n';
     return kSrinfoRowLen;
 }
 

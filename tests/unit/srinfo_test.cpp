@@ -173,6 +173,10 @@ TEST_F(SrinfoTest, HexRowsShowWordsAndPrintableBytes) {
     EXPECT_EQ(std::string(row), "0000:03020100 07060504 0b0a0908 0f0e0d0c ................\n");
     srinfo_hex_row(row, b->data, 32, 16);
     EXPECT_EQ(std::string(row), "0010:41222120 807f7e7d 307b2eff 5c000a39 ..\"A}.....{09..\\\n");
+    // Every hex digit of the offset; past the length the row is zeros.
+    memset(row, 0, sizeof(row));
+    srinfo_hex_row(row, b->data, 32, 0x9af0);
+    EXPECT_EQ(std::string(row), "9af0:00000000 00000000 00000000 00000000 ................\n");
 }
 
 TEST_F(SrinfoTest, HexEntryHasTimeRowsAndEmptyLine) {

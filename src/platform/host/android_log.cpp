@@ -1,6 +1,6 @@
 // Host stand-in for liblog: each message is appended with one write, as one
 // line "<priority letter>/<tag>: <text>", to $RIX_LOG_DIR/<buffer>
-// (default directory /dev/log).
+// (default directory /dev/log; /dev/null drops the lines).
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -60,8 +60,14 @@ int write_line(int id, int prio, const char* tag, const char* fmt, va_list ap) {
         }
         line[len++] = '\n';
     }
+    // RIX_LOG_DIR=/dev/null formats the line and drops it: the fuzzers log
+    // thousands of lines a second and only the formatting is of interest.
+    const char* dir = log_dir();
+    if (strcmp(dir, "/dev/null") == 0) {
+        return static_cast<int>(len);
+    }
     char path[512];
-    int n = snprintf(path, sizeof(path), "%s/%s", log_dir(), buffer_name(id));
+    int n = snprintf(path, sizeof(path), "%s/%s", dir, buffer_name(id));
     if (n <= 0 || static_cast<size_t>(n) >= sizeof(path)) {
         return -1;
     }
