@@ -331,6 +331,40 @@ TEST_F(NvTest, MissingFileIsCreatedErased) {
     EXPECT_TRUE(CsumCheckForFile(path));
 }
 
+// Peak resident set of this process in KiB (VmHWM).
+long peak_rss_kib() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmHWM:", 0) == 0) {
+            return std::stol(line.substr(6));
+        }
+    }
+    return -1;
+}
+
+// A corrupt TOC can name an NV size of a gigabyte: the erased file is
+// written from a bounded buffer, so the daemon's memory does not follow it.
+TEST_F(NvTest, LargeCreationKeepsMemoryFlat) {
+    constexpr int kSize = 48 << 20;
+    std::ofstream("/proc/self/clear_refs") << "5";  // restarts the peak at the current size
+    const long before = peak_rss_kib();
+    ASSERT_GT(before, 0);
+    char path[] = "/mnt/vendor/efs/nv_data.bin";
+    int fd = -1;
+    ASSERT_TRUE(Util::getNvFd(CP_BOOT_MODE_NORMAL, path, kSize, &fd));
+    EXPECT_LT(peak_rss_kib() - before, 8 * 1024);
+    close(fd);
+    ASSERT_EQ(std::filesystem::file_size(path), static_cast<uintmax_t>(kSize));
+    std::ifstream in(path, std::ios::binary);
+    std::string chunk(1 << 20, '\0');
+    for (int at = 0; at < kSize; at += static_cast<int>(chunk.size())) {
+        ASSERT_TRUE(in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())));
+        ASSERT_EQ(chunk.find_first_not_of('\xff'), std::string::npos) << "at " << at;
+    }
+    EXPECT_TRUE(contains("NV(/mnt/vendor/efs/nv_data.bin) saved 50331648 bytes\n"));
+}
+
 TEST_F(NvTest, FailedCreationLeavesNoFile) {
     const int before = open_descriptors();
     char path[] = "/mnt/vendor/efs/nv_data.bin";
