@@ -55,6 +55,18 @@ int open_descriptors() {
     return n;
 }
 
+// Kernel log lines: an information line and an error line with errno's text.
+std::string info(const std::string& fn, const std::string& text) {
+    return "<6>cpif: rix: " + fn + ": " + text;
+}
+std::string err(const std::string& error, const std::string& fn, const std::string& text) {
+    return "<3>cpif: rix: (ERR! " + error + ") " + fn + ": ERR! " + text + "\n";
+}
+std::string size_error(uint32_t total, size_t size) {
+    return info("CsumCheckForData", "NV Size Error! NV_header->TotalSize:" + std::to_string(total) +
+                                        ", nvSize:" + std::to_string(size) + "\n");
+}
+
 class NvTest : public RixTest {
   protected:
     void SetUp() override {
@@ -68,208 +80,124 @@ class NvTest : public RixTest {
         RixTest::TearDown();
     }
     bool contains(const std::string& text) const { return kmsg().find(text) != std::string::npos; }
-    // A file system with room for one 4 KiB page.
-    void mount_small() {
-        std::filesystem::create_directories(kSmallDir);
-        ASSERT_EQ(mount("tmpfs", kSmallDir, "tmpfs", 0, "size=4k"), 0);
-    }
 
     mode_t old_mask_ = 0;
 };
 
-TEST_F(NvTest, ByteToHexIsBoundedByTheDestination) {
+TEST_F(NvTest, ByteToHexIsBoundedByDestinationAndSource) {
     char src[512];
     for (int i = 0; i < 512; i++) {
         src[i] = static_cast<char>(i);
     }
+    char dst[128];
+    // The text rendered, and whether dst[untouched] kept its filler.
+    auto hex = [&](size_t dst_size, char* from, size_t n, size_t untouched) {
+        memset(dst, 'x', sizeof(dst));
+        Util::byteToHex(dst, dst_size, from, n);
+        EXPECT_EQ(dst[untouched], 'x') << "byte " << untouched;
+        return std::string(dst, strnlen(dst, sizeof(dst)));
+    };
     // 96 bytes hold 32 source bytes: 95 characters and a NUL.
-    char dst[97];
-    memset(dst, 'x', sizeof(dst));
-    Util::byteToHex(dst, 96, src, sizeof(src));
-    EXPECT_EQ(strlen(dst), 95u);
-    EXPECT_STREQ(dst,
-                 "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12 13 14 15 16 17 18 19 1A "
-                 "1B 1C 1D 1E 1F");
-    EXPECT_EQ(dst[96], 'x');
-
-    // The source length bounds it too; upper-case digits for high bytes.
+    EXPECT_EQ(hex(96, src, sizeof(src), 96),
+              "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12 13 14 15 16 17 18 19 1A "
+              "1B 1C 1D 1E 1F");
     char hi[] = {'\xAB', '\xff', '\x0c'};
-    char small[16];
-    memset(small, 'x', sizeof(small));
-    Util::byteToHex(small, sizeof(small), hi, 2);
-    EXPECT_STREQ(small, "AB FF");
-    EXPECT_EQ(small[7], 'x');
-
-    // A destination of exactly three bytes per source byte.
-    memset(small, 'x', sizeof(small));
-    Util::byteToHex(small, 6, hi, 3);
-    EXPECT_STREQ(small, "AB FF");
-    EXPECT_EQ(small[6], 'x');
-
+    EXPECT_EQ(hex(16, hi, 2, 7), "AB FF");  // the source length bounds it; upper-case digits
+    EXPECT_EQ(hex(6, hi, 3, 6), "AB FF");   // exactly three bytes per source byte
     // Nothing to render: the destination is not touched.
-    memset(small, 'x', sizeof(small));
-    Util::byteToHex(small, 2, hi, 3);
-    Util::byteToHex(small, sizeof(small), hi, 0);
-    Util::byteToHex(small, sizeof(small), nullptr, 3);
-    Util::byteToHex(nullptr, sizeof(small), hi, 3);
-    EXPECT_EQ(small[0], 'x');
+    memset(dst, 'x', sizeof(dst));
+    Util::byteToHex(dst, 2, hi, 3);
+    Util::byteToHex(dst, sizeof(dst), hi, 0);
+    Util::byteToHex(dst, sizeof(dst), nullptr, 3);
+    Util::byteToHex(nullptr, sizeof(dst), hi, 3);
+    EXPECT_EQ(dst[0], 'x');
 }
 
 TEST_F(NvTest, ToUpperCaseWritesNoTerminator) {
     char dst[8];
     memset(dst, 'x', sizeof(dst));
-    char umts[] = "umts";
+    char umts[] = "umts", mixed[] = "aZ`{-z9";
     Util::toUpperCase(umts, dst);
     EXPECT_EQ(std::string(dst, 8), "UMTSxxxx");
-
-    char mixed[] = "aZ`{-z9";
-    char out[8] = {};
-    Util::toUpperCase(mixed, out);
-    EXPECT_STREQ(out, "AZ`{-Z9");
+    Util::toUpperCase(mixed, dst);
+    EXPECT_EQ(std::string(dst, 8), "AZ`{-Z9x");
 }
 
-TEST_F(NvTest, DataCheckSumsLittleEndianWords) {
-    // No data: an empty sum, check value 0.
-    EXPECT_TRUE(data_check(nv_image(0, "", 0)));
-    EXPECT_EQ(nv_image(0, "", 0).size(), 18u);
-
-    // Odd size: 0x0201 + (0xFF00 | 0x03) = 0x10104, kept as 0x0104, read
-    // after the pad byte, whose value is not used.
-    std::string odd = nv_image(3, "\x01\x02\x03", 0x0104, '\x77');
-    EXPECT_EQ(odd.size(), 22u);
-    EXPECT_EQ(odd[20], '\x04');
-    EXPECT_TRUE(data_check(odd));
-
-    // The sum wraps at 16 bits: 0xFFFF + 0x0002.
-    EXPECT_TRUE(data_check(nv_image(4, std::string("\xff\xff\x02\x00", 4), 0x0001)));
-    EXPECT_EQ(kmsg(), "");
-
-    // A wrong check value.
-    EXPECT_FALSE(data_check(nv_image(3, "\x01\x02\x03", 0x0103)));
-    EXPECT_EQ(kmsg(), "<6>cpif: rix: CsumCheckForData: Check sum Error\n");
-}
-
-TEST_F(NvTest, DataCheckRefusesWhatDoesNotFit) {
-    // Shorter than the header.
-    EXPECT_FALSE(data_check(std::string(15, '\0')));
-    EXPECT_EQ(kmsg(), "<6>cpif: rix: CsumCheckForData: Invalid NV data");
-
-    // More data announced than there are bytes.
-    clear_logs();
+// Each image is checked in memory and as the NV file, which adds its verdict.
+TEST_F(NvTest, CheckValueSumsWordsAndRefusesWhatDoesNotFit) {
+    const int before = open_descriptors();
     std::string short_file(17, '\0');
     put32(short_file, 8, 0x20);
-    EXPECT_FALSE(data_check(short_file));
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: CsumCheckForData: NV Size Error! NV_header->TotalSize:32, "
-              "nvSize:17\n");
-
-    // The data fits but its check value does not.
-    clear_logs();
     std::string no_check = nv_image(4, "abcd", 0);
     no_check.pop_back();
-    EXPECT_FALSE(data_check(no_check));
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: CsumCheckForData: NV Size Error! NV_header->TotalSize:4, "
-              "nvSize:21\n");
+    const std::string odd_no_check = nv_image(3, "abc", 0).substr(0, 20);  // data and pad only
+    const std::string empty = nv_image(0, "", 0);
+    std::string erased_header(16, '\0');
+    put32(erased_header, 8, 0xFFFFFFFF);
+    const struct {
+        const char* name;
+        std::string bytes;
+        bool ok;
+        std::string log;
+    } cases[] = {
+        {"no data: check value 0", empty, true, ""},
+        // 0x0201 + (0xFF00 | 0x03) = 0x10104, kept as 0x0104, read after the
+        // pad byte, whose value is not used.
+        {"odd size", nv_image(3, "\x01\x02\x03", 0x0104, '\x77'), true, ""},
+        {"sum wraps at 16 bits", nv_image(4, std::string("\xff\xff\x02\x00", 4), 0x0001), true, ""},
+        {"wrong check value", nv_image(3, "\x01\x02\x03", 0x0103), false,
+         info("CsumCheckForData", "Check sum Error\n")},
+        {"shorter than the header", std::string(15, '\0'), false,
+         info("CsumCheckForData", "Invalid NV data")},
+        {"more data announced than there is", short_file, false, size_error(32, 17)},
+        {"no room for the check value", no_check, false, size_error(4, 21)},
+        {"odd size without check value", odd_no_check, false, size_error(3, 20)},
+        {"odd size with half a check value", odd_no_check + '\x04', false, size_error(3, 21)},
+        {"exactly 1 MiB", empty + std::string(0x100000 - empty.size(), '\0'), true, ""},
+        {"longer than 1 MiB is never summed", empty + std::string(0x100001 - empty.size(), '\0'),
+         false, size_error(0, 1048577)},
+        // An erased header is the default, even for a file too long to be checked.
+        {"erased", std::string(64, '\xff'), true, ""},
+        {"erased header alone", erased_header, true, ""},
+        {"erased header, 2 MiB behind", erased_header + std::string(0x200000, '\0'), true, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        clear_logs();
+        EXPECT_EQ(data_check(c.bytes), c.ok);
+        EXPECT_EQ(kmsg(), c.log);
+        write_file(kNvPath, c.bytes);
+        clear_logs();
+        EXPECT_EQ(CsumCheckForFile(kNvPath), c.ok);
+        EXPECT_EQ(kmsg(), c.log + info("CsumCheckForFile", std::string(kNvPath) + " checksum : " +
+                                                               (c.ok ? "verified" : "corrupted")));
+    }
+    // The default is reported on the main log only.
     clear_logs();
-    std::string odd_no_check = nv_image(3, "abc", 0);
-    odd_no_check.resize(20);  // data and pad only
-    EXPECT_FALSE(data_check(odd_no_check));
-    EXPECT_TRUE(contains("TotalSize:3, nvSize:20\n"));
-    clear_logs();
-    odd_no_check.push_back('\x04');  // half a check value after the pad
-    EXPECT_FALSE(data_check(odd_no_check));
-    EXPECT_TRUE(contains("TotalSize:3, nvSize:21\n"));
-
-    // An image longer than 1 MiB is never summed, even when it is valid.
-    clear_logs();
-    std::string big = nv_image(0, "", 0);
-    EXPECT_TRUE(data_check(big + std::string(0x100000 - big.size(), '\0')));
-    EXPECT_FALSE(data_check(big + std::string(0x100001 - big.size(), '\0')));
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: CsumCheckForData: NV Size Error! NV_header->TotalSize:0, "
-              "nvSize:1048577\n");
-}
-
-TEST_F(NvTest, ErasedImageIsTheDefault) {
-    // Reported on the main log only, and verified whatever follows.
-    std::string erased(64, '\xff');
-    EXPECT_TRUE(data_check(erased));
-    EXPECT_EQ(kmsg(), "");
+    EXPECT_TRUE(data_check(erased_header));
     EXPECT_EQ(radio(), "");
     EXPECT_NE(main_log().find("I/"), std::string::npos);
     EXPECT_NE(main_log().find(": NV File is default.\n"), std::string::npos);
 
-    // The header decides even for a file too long to be checked.
-    std::string header(16, '\0');
-    put32(header, 8, 0xFFFFFFFF);
-    EXPECT_TRUE(data_check(header));
-    EXPECT_TRUE(data_check(header + std::string(0x200000, '\0')));
-}
-
-TEST_F(NvTest, FileCheckReportsItsVerdict) {
-    const int before = open_descriptors();
-    write_file(kNvPath, nv_image(3, "\x01\x02\x03", 0x0104));
-    EXPECT_TRUE(CsumCheckForFile(kNvPath));
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : verified");
-
-    clear_logs();
-    write_file(kNvPath, nv_image(3, "\x01\x02\x03", 0x0105));
-    EXPECT_FALSE(CsumCheckForFile(kNvPath));
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: CsumCheckForData: Check sum Error\n"
-              "<6>cpif: rix: CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : corrupted");
-
-    clear_logs();
-    write_file(kNvPath, std::string(3, '\0'));
-    EXPECT_FALSE(CsumCheckForFile(kNvPath));
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: CsumCheckForData: Invalid NV data"
-              "<6>cpif: rix: CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : corrupted");
-
-    // An empty file: false without a word.
-    clear_logs();
+    const struct {
+        const char* path;
+        std::string log;
+    } unread[] = {
+        {kNvPath, ""},  // an empty file: false without a word
+        {"/mnt/vendor/efs/missing.bin", info("CsumCheckForFile", "Failed to open file")},
+        {nullptr, info("CsumCheckForFile", "Invalid file path")},
+    };
     write_file(kNvPath, "");
-    EXPECT_FALSE(CsumCheckForFile(kNvPath));
-    EXPECT_EQ(kmsg(), "");
-
-    clear_logs();
-    EXPECT_FALSE(CsumCheckForFile("/mnt/vendor/efs/missing.bin"));
-    EXPECT_EQ(kmsg(), "<6>cpif: rix: CsumCheckForFile: Failed to open file");
-
-    clear_logs();
-    EXPECT_FALSE(CsumCheckForFile(nullptr));
-    EXPECT_EQ(kmsg(), "<6>cpif: rix: CsumCheckForFile: Invalid file path");
+    for (const auto& c : unread) {
+        SCOPED_TRACE(c.path ? c.path : "no path");
+        clear_logs();
+        EXPECT_FALSE(CsumCheckForFile(c.path));
+        EXPECT_EQ(kmsg(), c.log);
+    }
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(NvTest, FileLongerThanOneMebibyte) {
-    std::string valid = nv_image(4, "abcd", static_cast<uint16_t>(0x6261 + 0x6463));
-    write_file(kNvPath, valid + std::string(0x100001 - valid.size(), '\0'));
-    EXPECT_FALSE(CsumCheckForFile(kNvPath));
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: CsumCheckForData: NV Size Error! NV_header->TotalSize:4, "
-              "nvSize:1048577\n"
-              "<6>cpif: rix: CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : corrupted");
-
-    // Exactly 1 MiB is still checked.
-    clear_logs();
-    write_file(kNvPath, valid + std::string(0x100000 - valid.size(), '\0'));
-    EXPECT_TRUE(CsumCheckForFile(kNvPath));
-    EXPECT_TRUE(contains("checksum : verified"));
-
-    // An erased file of any length is the default.
-    clear_logs();
-    write_file(kNvPath, std::string(0x180000, '\xff'));
-    EXPECT_TRUE(CsumCheckForFile(kNvPath));
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : "
-              "verified");
-    EXPECT_NE(main_log().find("NV File is default.\n"), std::string::npos);
-}
-
-TEST_F(NvTest, DumpModeAndEmptyPathOpenNothing) {
+TEST_F(NvTest, ExistingFileIsOpenedReadOnlyAndDumpModeOpensNothing) {
     char path[] = "/mnt/vendor/efs/nv_data.bin";
     int fd = 7;
     EXPECT_TRUE(Util::getNvFd(CP_BOOT_MODE_DUMP, path, 256, &fd));
@@ -280,17 +208,13 @@ TEST_F(NvTest, DumpModeAndEmptyPathOpenNothing) {
     EXPECT_TRUE(Util::getNvFd(CP_BOOT_MODE_NORMAL, empty, 256, &fd));
     EXPECT_EQ(fd, -1);
     EXPECT_EQ(kmsg(), "");
-}
 
-TEST_F(NvTest, ExistingFileIsOpenedReadOnly) {
-    char path[] = "/mnt/vendor/efs/nv_data.bin";
     write_file(path, "nv");
-    int fd = -1;
     ASSERT_TRUE(Util::getNvFd(CP_BOOT_MODE_NORMAL, path, 256, &fd));
     ASSERT_GE(fd, 0);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
-    EXPECT_EQ(kmsg(), "<6>cpif: rix: getNvFd: NV(/mnt/vendor/efs/nv_data.bin) opened (fd " +
-                          std::to_string(fd) + ")\n");
+    EXPECT_EQ(kmsg(), info("getNvFd", "NV(/mnt/vendor/efs/nv_data.bin) opened (fd " +
+                                          std::to_string(fd) + ")\n"));
     EXPECT_EQ(std::filesystem::file_size(path), 2u);
     close(fd);
 
@@ -299,8 +223,18 @@ TEST_F(NvTest, ExistingFileIsOpenedReadOnly) {
     char below_file[] = "/mnt/vendor/efs/nv_data.bin/x";
     EXPECT_FALSE(Util::getNvFd(CP_BOOT_MODE_NORMAL, below_file, 256, &fd));
     EXPECT_EQ(kmsg(),
-              "<3>cpif: rix: (ERR! Not a directory) getNvFd: ERR! "
-              "NV(/mnt/vendor/efs/nv_data.bin/x) open fail\n");
+              err("Not a directory", "getNvFd", "NV(" + std::string(below_file) + ") open fail"));
+}
+
+// The log lines of a creation up to its end, and of its failure.
+std::string creating(const std::string& path, int size) {
+    return info("getNvFd", "No NV(" + path + ") file\n") +
+           info("create_empty_nv",
+                "try to create NV(" + path + ") with size(" + std::to_string(size) + ")\n");
+}
+std::string failed(const std::string& path, int size) {
+    return info("getNvFd",
+                "ERR! create_empty_nv(" + path + ", " + std::to_string(size) + ") fail\n");
 }
 
 TEST_F(NvTest, MissingFileIsCreatedErased) {
@@ -310,24 +244,16 @@ TEST_F(NvTest, MissingFileIsCreatedErased) {
     ASSERT_GE(fd, 0);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
     EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: getNvFd: No NV(/mnt/vendor/efs/nv_data.bin) file\n"
-              "<6>cpif: rix: create_empty_nv: try to create NV(/mnt/vendor/efs/nv_data.bin) "
-              "with size(301)\n"
-              "<6>cpif: rix: create_empty_nv: NV(/mnt/vendor/efs/nv_data.bin) saved 301 "
-              "bytes\n"
-              "<6>cpif: rix: getNvFd: NV(/mnt/vendor/efs/nv_data.bin) opened (fd " +
-                  std::to_string(fd) + ")\n");
+              creating(path, 301) +
+                  info("create_empty_nv", "NV(" + std::string(path) + ") saved 301 bytes\n") +
+                  info("getNvFd",
+                       "NV(" + std::string(path) + ") opened (fd " + std::to_string(fd) + ")\n"));
     close(fd);
     struct stat st;
     ASSERT_EQ(stat(path, &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0660u);
-    EXPECT_EQ(std::filesystem::file_size(path), 301u);
-    std::ifstream in(path, std::ios::binary);
-    std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(content, std::string(301, '\xff'));
-
+    EXPECT_EQ(read_file(path), std::string(301, '\xff'));
     // What was created passes the check as the default file.
-    clear_logs();
     EXPECT_TRUE(CsumCheckForFile(path));
 }
 
@@ -367,66 +293,39 @@ TEST_F(NvTest, LargeCreationKeepsMemoryFlat) {
 
 TEST_F(NvTest, FailedCreationLeavesNoFile) {
     const int before = open_descriptors();
-    char path[] = "/mnt/vendor/efs/nv_data.bin";
-    int fd = -1;
-    for (int size : {0, -5}) {
+    auto fails = [&](const std::string& path, int size, const std::string& why) {
+        SCOPED_TRACE(path + ", size " + std::to_string(size));
         clear_logs();
-        EXPECT_FALSE(Util::getNvFd(CP_BOOT_MODE_NORMAL, path, size, &fd));
-        const std::string s = std::to_string(size);
-        EXPECT_EQ(kmsg(),
-                  "<6>cpif: rix: getNvFd: No NV(/mnt/vendor/efs/nv_data.bin) file\n"
-                  "<6>cpif: rix: create_empty_nv: try to create "
-                  "NV(/mnt/vendor/efs/nv_data.bin) with size(" +
-                      s +
-                      ")\n"
-                      "<6>cpif: rix: create_empty_nv: ERR! wrong size(" +
-                      s +
-                      ")\n"
-                      "<6>cpif: rix: getNvFd: ERR! "
-                      "create_empty_nv(/mnt/vendor/efs/nv_data.bin, " +
-                      s + ") fail\n");
+        std::string p = path;
+        int fd = -1;
+        EXPECT_FALSE(Util::getNvFd(CP_BOOT_MODE_NORMAL, p.data(), size, &fd));
+        EXPECT_EQ(kmsg(), creating(path, size) + why);
         EXPECT_FALSE(std::filesystem::exists(path));
+    };
+    for (int size : {0, -5}) {
+        fails(kNvPath, size,
+              info("create_empty_nv", "ERR! wrong size(" + std::to_string(size) + ")\n") +
+                  failed(kNvPath, size));
     }
-
     // The file cannot even be created: its removal fails as well.
-    clear_logs();
-    char no_dir[] = "/mnt/vendor/none/nv_data.bin";
-    EXPECT_FALSE(Util::getNvFd(CP_BOOT_MODE_NORMAL, no_dir, 64, &fd));
-    EXPECT_TRUE(
-        contains("<3>cpif: rix: (ERR! No such file or directory) create_empty_nv: ERR! "
-                 "NV(/mnt/vendor/none/nv_data.bin) open fail\n"
-                 "<6>cpif: rix: getNvFd: ERR! create_empty_nv(/mnt/vendor/none/nv_data.bin, "
-                 "64) fail\n"
-                 "<3>cpif: rix: (ERR! No such file or directory) getNvFd: ERR! "
-                 "NV(/mnt/vendor/none/nv_data.bin) remove fail\n"))
-        << kmsg();
+    const std::string no_dir = "/mnt/vendor/none/nv_data.bin";
+    fails(no_dir, 64,
+          err("No such file or directory", "create_empty_nv", "NV(" + no_dir + ") open fail") +
+              failed(no_dir, 64) +
+              err("No such file or directory", "getNvFd", "NV(" + no_dir + ") remove fail"));
     EXPECT_EQ(open_descriptors(), before);
-}
 
-TEST_F(NvTest, ShortOrFailedWriteRemovesTheFile) {
-    mount_small();
-    char path[] = "/mnt/vendor/small/nv_data.bin";
-    int fd = -1;
-    // Room for 4096 of 8192 bytes.
-    EXPECT_FALSE(Util::getNvFd(CP_BOOT_MODE_NORMAL, path, 8192, &fd));
-    EXPECT_TRUE(
-        contains("<6>cpif: rix: create_empty_nv: ERR! NV(/mnt/vendor/small/nv_data.bin) "
-                 "partial saved(4096) but size(8192)\n"
-                 "<6>cpif: rix: getNvFd: ERR! "
-                 "create_empty_nv(/mnt/vendor/small/nv_data.bin, 8192) fail\n"))
-        << kmsg();
-    EXPECT_FALSE(contains("remove fail"));
-    EXPECT_FALSE(std::filesystem::exists(path));
-
-    // No room at all.
+    // A file system with room for one 4 KiB page: 4096 of 8192 bytes, then none.
+    std::filesystem::create_directories(kSmallDir);
+    ASSERT_EQ(mount("tmpfs", kSmallDir, "tmpfs", 0, "size=4k"), 0);
+    const std::string small = std::string(kSmallDir) + "/nv_data.bin";
+    fails(small, 8192,
+          info("create_empty_nv", "ERR! NV(" + small + ") partial saved(4096) but size(8192)\n") +
+              failed(small, 8192));
     write_file(std::string(kSmallDir) + "/full", std::string(4096, 'f'));
-    clear_logs();
-    EXPECT_FALSE(Util::getNvFd(CP_BOOT_MODE_NORMAL, path, 100, &fd));
-    EXPECT_TRUE(
-        contains("<3>cpif: rix: (ERR! No space left on device) create_empty_nv: ERR! "
-                 "NV(/mnt/vendor/small/nv_data.bin) write fail\n"))
-        << kmsg();
-    EXPECT_FALSE(std::filesystem::exists(path));
+    fails(small, 100,
+          err("No space left on device", "create_empty_nv", "NV(" + small + ") write fail") +
+              failed(small, 100));
 }
 
 }  // namespace
