@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -69,11 +70,8 @@ std::vector<Entry> standard_parts() {
 
 // Sixteen entries, all named: the stage table has only thirteen slots.
 std::vector<Entry> sixteen_parts() {
-    std::vector<Entry> parts = {{"TOC", 0, 0x1000, 0x200},
-                                {"BOOT", 0x1000, 0x2000, 0x100},
-                                {"MAIN", 0x2000, 0x3000, 0x100},
-                                {"VSS", 0x3000, 0x4000, 0x80},
-                                {"NV", 0, 0x5000, 0x100}};
+    std::vector<Entry> parts = standard_parts();
+    parts.pop_back();
     for (uint32_t i = 5; i < 16; i++) {
         parts.push_back({"P" + std::to_string(i), i * 0x1000, i * 0x10000, 0x10, i});
     }
@@ -92,6 +90,15 @@ bool same_file(int fd, const char* path) {
     struct stat a, b;
     return fstat(fd, &a) == 0 && stat(path, &b) == 0 && a.st_ino == b.st_ino &&
            a.st_dev == b.st_dev;
+}
+
+// stage, fd, b_off, m_off, b_size, crc, xmit_once of a stage slot.
+std::vector<uint32_t> fields(const std_dload_control& s) {
+    return {s.stage, s.fd, s.b_off, s.m_off, s.b_size, s.crc, s.xmit_once};
+}
+
+std::string info(const std::string& fn, const std::string& text) {
+    return "<6>cpif: rix: " + fn + ": " + text + "\n";
 }
 
 class TocTest : public RixTest {
@@ -114,18 +121,41 @@ class TocTest : public RixTest {
         RixTest::TearDown();
     }
 
-    void write_toc(const std::vector<Entry>& entries, uint32_t count) {
-        write_file(kPartition, toc_bytes(entries, count));
+    // Closes what an earlier run left open and writes the partition.
+    void write_partition(const std::string& bytes) {
+        bd_->std_boot_close_args();
+        write_file(kPartition, bytes);
+        clear_logs();
+    }
+    bool boot(const std::vector<Entry>& entries, uint32_t count,
+              cp_boot_mode mode = CP_BOOT_MODE_NORMAL) {
+        write_partition(toc_bytes(entries, count));
+        return bd_->prepare_boot_args(mode);
     }
     bool contains(const std::string& text) const { return kmsg().find(text) != std::string::npos; }
-    // Every descriptor of the record is closed again and the record reset.
-    void expect_closed_and_reset(int descriptors_before) {
-        EXPECT_EQ(b_->fd, -1);
-        EXPECT_EQ(b_->bin_fd, -1);
-        EXPECT_EQ(b_->nv_fd, -1);
-        EXPECT_EQ(b_->toc_idx_toc, -1);
-        EXPECT_EQ(b_->toc[0], 0);
-        EXPECT_EQ(open_descriptors(), descriptors_before);
+    // The preparation fails, every descriptor is closed again and the record reset.
+    void expect_refused(int descriptors_before, cp_boot_mode mode = CP_BOOT_MODE_NORMAL) {
+        EXPECT_FALSE(bd_->prepare_boot_args(mode));
+        EXPECT_EQ(std::vector<int>({b_->fd, b_->bin_fd, b_->nv_fd, b_->toc_idx_toc, b_->toc[0],
+                                    open_descriptors()}),
+                  std::vector<int>({-1, -1, -1, -1, 0, descriptors_before}))
+            << "fd, bin_fd, nv_fd, toc_idx_toc, toc[0], open descriptors";
+    }
+    // One character per stage slot: '1' when anything was built into it.
+    std::string built() const {
+        std::string out;
+        const std_dload_control empty = {};
+        for (const std_dload_control& s : b_->stage) {
+            out += memcmp(&s, &empty, sizeof(s)) != 0 ? '1' : '0';
+        }
+        return out;
+    }
+    std::string xmit_once() const {
+        std::string out;
+        for (const std_dload_control& s : b_->stage) {
+            out += std::to_string(s.xmit_once);
+        }
+        return out;
     }
 
     BootDump* bd_ = nullptr;
@@ -134,68 +164,48 @@ class TocTest : public RixTest {
 };
 
 TEST_F(TocTest, StandardTocBuildsOneEntryPerPart) {
-    write_toc(standard_parts(), 6);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-
-    EXPECT_GE(b_->fd, 0);
-    EXPECT_GE(b_->bin_fd, 0);
-    EXPECT_GE(b_->nv_fd, 0);
-    for (int fd : b_->fd_spare) {
-        EXPECT_EQ(fd, -1);
-    }
+    ASSERT_TRUE(boot(standard_parts(), 6));
     EXPECT_TRUE(same_file(b_->fd, kBootNode));
     EXPECT_TRUE(same_file(b_->bin_fd, kPartition));
     EXPECT_TRUE(same_file(b_->nv_fd, kNvPath));
-    EXPECT_EQ(b_->first_stage, 0u);
-    EXPECT_EQ(b_->last_stage, 5u);
-    EXPECT_EQ(b_->toc_idx_toc, 0);
-    EXPECT_EQ(b_->toc_idx_boot, 1);
-    EXPECT_EQ(b_->toc_idx_main, 2);
-    EXPECT_EQ(b_->toc_idx_vss, 3);
-    EXPECT_EQ(b_->toc_idx_nv, 4);
-    EXPECT_EQ(b_->toc_idx_offset, 5);
-    EXPECT_EQ(b_->toc_idx_nv_norm, -1);
-    EXPECT_EQ(b_->toc_idx_nv_prot, -1);
+    for (int fd : b_->fd_spare) {
+        EXPECT_EQ(fd, -1);
+    }
+    EXPECT_EQ(std::vector<int>({b_->toc_idx_toc, b_->toc_idx_boot, b_->toc_idx_main,
+                                b_->toc_idx_vss, b_->toc_idx_nv, b_->toc_idx_offset,
+                                b_->toc_idx_nv_norm, b_->toc_idx_nv_prot}),
+              std::vector<int>({0, 1, 2, 3, 4, 5, -1, -1}));
     EXPECT_EQ(std::string(reinterpret_cast<char*>(b_->toc), 512), toc_bytes(standard_parts(), 6));
 
-    const std_dload_control& main = b_->stage[2];
-    EXPECT_EQ(main.stage, 2u);
-    EXPECT_EQ(main.fd, static_cast<uint32_t>(b_->bin_fd));
-    EXPECT_EQ(main.b_off, 0x2000u);
-    EXPECT_EQ(main.m_off, 0x00200000u);  // top two bits cleared
-    EXPECT_EQ(main.b_size, 0x4000u);
-    EXPECT_EQ(main.crc, 0x33u);
-    EXPECT_EQ(main.xmit_once, 0u);
-    for (uint32_t r : main.reserved) {
+    // MAIN's m_off has its top two bits cleared; VSS goes once per phone start.
+    const uint32_t bin = b_->bin_fd, nv = b_->nv_fd;
+    EXPECT_EQ(fields(b_->stage[0]), std::vector<uint32_t>({0, bin, 0, 0x1000, 0x200, 0x11, 0}));
+    EXPECT_EQ(fields(b_->stage[2]),
+              std::vector<uint32_t>({2, bin, 0x2000, 0x200000, 0x4000, 0x33, 0}));
+    EXPECT_EQ(fields(b_->stage[3]),
+              std::vector<uint32_t>({3, bin, 0x6000, 0x300000, 0x80, 0x44, 1}));
+    EXPECT_EQ(fields(b_->stage[4]), std::vector<uint32_t>({4, nv, 0, 0x400000, 0x100, 0x55, 0}));
+    for (uint32_t r : b_->stage[2].reserved) {
         EXPECT_EQ(r, 0u);
     }
-    EXPECT_EQ(b_->stage[0].m_off, 0x1000u);
-    EXPECT_EQ(b_->stage[3].xmit_once, 1u);  // VSS goes once per phone start
-    EXPECT_EQ(b_->stage[4].stage, 4u);
-    EXPECT_EQ(b_->stage[4].fd, static_cast<uint32_t>(b_->nv_fd));
-    EXPECT_EQ(b_->stage[4].b_size, 0x100u);
-    // OFFSET ends the image: its slot stays empty.
-    EXPECT_EQ(b_->stage[5].stage, 0u);
-    EXPECT_EQ(b_->stage[5].fd, 0u);
 
-    // The listing shows the raw m_off, the stage line the one that is used.
-    EXPECT_TRUE(
-        contains("<6>cpif: rix: std_boot_parse_toc_img: TOC[2].name = MAIN, "
-                 "b_off=0x00002000, m_off=0xc0200000, size=0x00004000 crc=0x00000033\n"));
-    EXPECT_TRUE(
-        contains("<6>cpif: rix: build_std_dload_control: stage=2, name:MAIN "
-                 "b_off=0x00002000, m_offset=0x00200000 b_size=0x00004000\n"));
+    // The opening lines come first; the listing shows the raw m_off, the
+    // stage line the one that is used.
+    const std::string head =
+        info("std_boot_prepare_args",
+             std::string("DEV(") + kBootNode + ") opened (fd " + std::to_string(b_->fd) + ")") +
+        info("std_boot_parse_toc_img",
+             std::string("BIN(") + kPartition + ") opened (fd " + std::to_string(b_->bin_fd) + ")");
+    EXPECT_EQ(kmsg().rfind(head, 0), 0u) << kmsg();
+    EXPECT_TRUE(contains(info("std_boot_parse_toc_img",
+                              "TOC[2].name = MAIN, b_off=0x00002000, m_off=0xc0200000, "
+                              "size=0x00004000 crc=0x00000033")));
+    EXPECT_TRUE(contains(info("build_std_dload_control",
+                              "stage=2, name:MAIN b_off=0x00002000, m_offset=0x00200000 "
+                              "b_size=0x00004000")));
     EXPECT_TRUE(
         contains("TOC[5].name = OFFSET, b_off=0x00000000, m_off=0x00000000, "
                  "size=0x00000000 crc=0x00000000\n"));
-    EXPECT_FALSE(contains("stage=5"));
-    // The opening lines come first, in this order.
-    const std::string k = kmsg();
-    const std::string head = std::string("<6>cpif: rix: std_boot_prepare_args: DEV(") + kBootNode +
-                             ") opened (fd " + std::to_string(b_->fd) +
-                             ")\n<6>cpif: rix: std_boot_parse_toc_img: BIN(" + kPartition +
-                             ") opened (fd " + std::to_string(b_->bin_fd) + ")\n";
-    EXPECT_EQ(k.rfind(head, 0), 0u) << k;
     EXPECT_EQ(radio().find("E/"), std::string::npos);
 
     // Closing gives every descriptor back.
@@ -204,109 +214,158 @@ TEST_F(TocTest, StandardTocBuildsOneEntryPerPart) {
     EXPECT_EQ(open_descriptors(), before - 3);
 }
 
-TEST_F(TocTest, FirstEntryMustBeNamedExactlyToc) {
-    int before = open_descriptors();
-    // BOOT first: the first 32 bytes are shown in hex.
+TEST_F(TocTest, LoadedRangeFollowsCountModeAndNvPath) {
+    // Prepares; checks the range, which stage slots were built ('1') and
+    // whether the NV file was opened (created when missing) or left alone.
+    auto range = [&](const char* name, const std::vector<Entry>& parts, uint32_t count,
+                     cp_boot_mode mode, uint32_t first, uint32_t last, const char* slots,
+                     bool nv_open) {
+        SCOPED_TRACE(name);
+        std::filesystem::remove(kNvPath);
+        ASSERT_TRUE(boot(parts, count, mode));
+        EXPECT_EQ(b_->first_stage, first);
+        EXPECT_EQ(b_->last_stage, last);
+        EXPECT_EQ(built(), slots);
+        if (nv_open) {
+            EXPECT_TRUE(same_file(b_->nv_fd, kNvPath));
+            EXPECT_EQ(std::filesystem::file_size(kNvPath), 0x100u);
+        } else {
+            EXPECT_EQ(b_->nv_fd, -1);
+            EXPECT_FALSE(std::filesystem::exists(kNvPath));
+        }
+    };
+    const cp_boot_mode normal = CP_BOOT_MODE_NORMAL, dump = CP_BOOT_MODE_DUMP;
+    // OFFSET ends the image: its slot stays empty.
+    range("standard", standard_parts(), 6, normal, 0, 5, "1111100000000", true);
+    EXPECT_FALSE(contains("stage=5"));
+    range("count 3: NV outside the range", standard_parts(), 3, normal, 0, 2, "1110000000000",
+          true);
+    // Count 1 skips the TOC and needs no verification information for it.
     std::vector<Entry> parts = standard_parts();
-    std::swap(parts[0], parts[1]);
-    write_toc(parts, 6);
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(
-        contains("<6>cpif: rix: std_boot_parse_toc_img: ERR! invalid TOC: No TOC, content: "
-                 "42 4F 4F 54 00 00 00 00 00 00 00 00 00 10 00 00 00 20 00 00 00 01 00 00 "
-                 "22 00 00 00 06 00 00 00\n"));
-    EXPECT_FALSE(contains("TOC[0]"));
-    expect_closed_and_reset(before);
-
-    // "TOCX" and "TO" are not "TOC"; a short read shows only the bytes read.
-    for (const std::string& bytes : {std::string("TOCX", 4), std::string("TO\0", 3)}) {
-        clear_logs();
-        write_file(kPartition, bytes);
-        EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-        EXPECT_TRUE(contains(bytes.size() == 4 ? "No TOC, content: 54 4F 43 58\n"
-                                               : "No TOC, content: 54 4F 00\n"))
-            << kmsg();
-        expect_closed_and_reset(before);
+    parts[0].m_off = 0;
+    range("count 1", parts, 1, normal, 1, 3, "0111000000000", true);
+    EXPECT_FALSE(contains("stage=0,"));
+    EXPECT_TRUE(contains("stage=3, name:VSS"));
+    range("count 1, dump", parts, 1, dump, 1, 1, "0100000000000", false);
+    // Count 0: the range wraps to nothing; in dump mode TOC and BOOT still go.
+    range("count 0", standard_parts(), 0, normal, 0, 0xFFFFFFFF, "0000000000000", true);
+    EXPECT_FALSE(contains("stage="));
+    range("count 0, dump", standard_parts(), 0, dump, 0, 1, "1100000000000", false);
+    // Dump mode opens and creates no NV file, whatever the NV entry's size.
+    for (uint32_t size : {0x100u, 0u}) {
+        parts = standard_parts();
+        parts[4].size = size;
+        range("dump", parts, 6, dump, 0, 1, "1100000000000", false);
+        EXPECT_FALSE(contains("NV("));
+        EXPECT_FALSE(contains("stage=2"));
     }
-
-    // An empty partition gives an empty content text.
-    clear_logs();
-    write_file(kPartition, "");
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(contains("std_boot_parse_toc_img: ERR! invalid TOC: No TOC, content: \n"));
-    expect_closed_and_reset(before);
+    // A TOC that goes on after OFFSET.
+    parts = standard_parts();
+    parts[5] = {"P5", 0x8000, 0x800000, 0x10};
+    parts.push_back({"P6", 0x9000, 0x900000, 0x10});
+    parts.push_back({"OFFSET"});
+    parts.push_back({"P8", 0xA000, 0xA00000, 0x10});
+    range("OFFSET ends the stage list", parts, 9, normal, 0, 8, "1111111000000", true);
+    EXPECT_TRUE(contains("TOC[8].name = P8"));
+    EXPECT_FALSE(contains("name:P8"));
+    EXPECT_FALSE(contains("name:OFFSET"));
+    // Without an NV path the load ends with MAIN.
+    rix_args.nv_data_path[0] = '\0';
+    range("no NV path", standard_parts(), 6, normal, 0, 2, "1110000000000", false);
+    range("no NV path, count 1", standard_parts(), 1, normal, 1, 2, "0110000000000", false);
 }
 
-TEST_F(TocTest, OpenAndReadFailuresAreErrors) {
-    int before = open_descriptors();
-    // No boot node.
-    unlink(kBootNode);
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(kmsg(),
-              "<3>cpif: rix: (ERR! No such file or directory) std_boot_prepare_args: ERR! "
-              "DEV(/data/umts_boot0) open fail\n"
-              "<6>cpif: rix: prepare_boot_args: ERR! std_boot_prepare_args fail\n");
-    expect_closed_and_reset(before);
-
-    // No partition.
-    write_file(kBootNode, "");
-    clear_logs();
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(
-        contains("<3>cpif: rix: (ERR! No such file or directory) std_boot_parse_toc_img: "
-                 "ERR! BIN(/data/modem.bin) open fail\n"));
-    EXPECT_FALSE(contains("std_boot_prepare_args fail"));
-    expect_closed_and_reset(before);
-
-    // A partition that opens but cannot be read.
-    std::filesystem::create_directory(kPartition);
-    clear_logs();
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(
-        contains("<3>cpif: rix: (ERR! Is a directory) std_boot_parse_toc_img: ERR! TOC "
-                 "read fail\n"));
-    expect_closed_and_reset(before);
-    std::filesystem::remove(kPartition);
-}
-
-TEST_F(TocTest, TocCountLimits) {
-    int before = open_descriptors();
-    for (uint32_t count : {17u, 0xFFFFFFFFu}) {
-        clear_logs();
-        write_toc(standard_parts(), count);
-        EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-        EXPECT_TRUE(
-            contains("<6>cpif: rix: std_boot_parse_toc_img: ERR! invalid TOC: Total TOC "
-                     "count is " +
-                     std::to_string(static_cast<int>(count)) + "\n"))
-            << kmsg();
-        EXPECT_FALSE(contains("TOC[0]"));
-        expect_closed_and_reset(before);
+TEST_F(TocTest, InvalidTocIsRefusedAndEverythingClosed) {
+    const int before = open_descriptors();
+    std::vector<Entry> boot_first = standard_parts(), no_info = standard_parts(),
+                       no_nv = standard_parts(), nv_size_0 = standard_parts();
+    std::swap(boot_first[0], boot_first[1]);
+    no_info[0].m_off = 0;
+    no_nv[4].name = "XV";
+    nv_size_0[4].size = 0;
+    const std::string no_toc = "std_boot_parse_toc_img: ERR! invalid TOC: No TOC, content: ";
+    const std::string no_nv_line = "std_boot_parse_toc_img: ERR! invalid TOC : There is no NV\n";
+    const struct {
+        const char* name;
+        std::string partition;
+        int nv_file;  // 1: there before and opened, 0: never made, -1: not looked at
+        std::string logged, not_logged;
+    } cases[] = {
+        // The bytes read are shown in hex: the first 32, or fewer on a short read.
+        {"BOOT first", toc_bytes(boot_first, 6), 0,
+         no_toc + "42 4F 4F 54 00 00 00 00 00 00 00 00 00 10 00 00 00 20 00 00 00 01 00 00 22 "
+                  "00 00 00 06 00 00 00\n",
+         "TOC[0]"},
+        {"TOCX", "TOCX", 0, no_toc + "54 4F 43 58\n", "TOC[0]"},
+        {"TO", std::string("TO\0", 3), 0, no_toc + "54 4F 00\n", "TOC[0]"},
+        {"empty partition", "", 0, no_toc + "\n", "TOC[0]"},
+        {"count 17", toc_bytes(standard_parts(), 17), 0,
+         "std_boot_parse_toc_img: ERR! invalid TOC: Total TOC count is 17\n", "TOC[0]"},
+        {"count -1", toc_bytes(standard_parts(), 0xFFFFFFFF), 0,
+         "std_boot_parse_toc_img: ERR! invalid TOC: Total TOC count is -1\n", "TOC[0]"},
+        {"TOC without verification information", toc_bytes(no_info, 6), -1,
+         "prepare_boot_args: ERR! invalid TOC : No info for TOC verification\n", "stage="},
+        {"no NV entry", toc_bytes(no_nv, 6), 0, no_nv_line, "NV("},
+        // An NV entry of size 0 with an NV file: opened, then refused.
+        {"NV entry of size 0", toc_bytes(nv_size_0, 6), 1, no_nv_line, "stage="},
+        // Without the file, its creation fails first and leaves nothing.
+        {"NV entry of size 0, no NV file", toc_bytes(nv_size_0, 6), 0,
+         "create_empty_nv: ERR! wrong size(0)\n", "There is no NV"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove(kNvPath);
+        if (c.nv_file == 1) {
+            write_file(kNvPath, std::string(64, '\xff'));
+        }
+        write_partition(c.partition);
+        expect_refused(before);
+        EXPECT_TRUE(contains("<6>cpif: rix: " + c.logged)) << kmsg();
+        EXPECT_FALSE(contains(c.not_logged)) << kmsg();
+        if (c.nv_file >= 0) {
+            EXPECT_EQ(std::filesystem::exists(kNvPath), c.nv_file == 1);
+            EXPECT_EQ(contains("getNvFd: NV(/mnt/vendor/efs/nv_data.bin) opened"), c.nv_file == 1);
+        }
     }
+    // Without an NV path the NV entry is still required.
+    rix_args.nv_data_path[0] = '\0';
+    write_partition(toc_bytes(nv_size_0, 6));
+    expect_refused(before);
+    EXPECT_TRUE(contains(no_nv_line));
 
-    // Count 0: the range wraps to "nothing", and nothing is built.
-    clear_logs();
-    write_toc(standard_parts(), 0);
+    // Count 0 is accepted and given back as it is.
+    write_partition(toc_bytes(standard_parts(), 0));
     unsigned count = 99;
     bd_->std_boot_init_args();
     ASSERT_TRUE(bd_->std_boot_parse_toc_img(CP_BOOT_MODE_NORMAL, &count));
     EXPECT_EQ(count, 0u);
-    bd_->std_boot_close_args();
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->first_stage, 0u);
-    EXPECT_EQ(b_->last_stage, 0xFFFFFFFFu);
-    const std_dload_control empty = {};
-    for (const std_dload_control& s : b_->stage) {
-        EXPECT_EQ(memcmp(&s, &empty, sizeof(s)), 0);
-    }
-    EXPECT_FALSE(contains("stage="));
-    bd_->std_boot_close_args();
+}
 
-    // Count 0 in dump mode still loads TOC and BOOT.
-    write_toc(standard_parts(), 0);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_DUMP));
-    EXPECT_EQ(b_->last_stage, 1u);
-    EXPECT_EQ(b_->stage[1].b_size, 0x100u);
+TEST_F(TocTest, OpenAndReadFailuresAreErrors) {
+    int before = open_descriptors();
+    unlink(kBootNode);
+    expect_refused(before);
+    EXPECT_EQ(kmsg(),
+              "<3>cpif: rix: (ERR! No such file or directory) std_boot_prepare_args: ERR! "
+              "DEV(/data/umts_boot0) open fail\n" +
+                  info("prepare_boot_args", "ERR! std_boot_prepare_args fail"));
+
+    // No partition.
+    write_file(kBootNode, "");
+    clear_logs();
+    expect_refused(before);
+    EXPECT_TRUE(
+        contains("<3>cpif: rix: (ERR! No such file or directory) std_boot_parse_toc_img: "
+                 "ERR! BIN(/data/modem.bin) open fail\n"));
+    EXPECT_FALSE(contains("std_boot_prepare_args fail"));
+
+    // A partition that opens but cannot be read.
+    std::filesystem::create_directory(kPartition);
+    clear_logs();
+    expect_refused(before);
+    EXPECT_TRUE(contains(
+        "<3>cpif: rix: (ERR! Is a directory) std_boot_parse_toc_img: ERR! TOC read fail\n"));
+    std::filesystem::remove(kPartition);
 }
 
 TEST_F(TocTest, SixteenEntriesNeverReachPastTheStageTable) {
@@ -316,46 +375,36 @@ TEST_F(TocTest, SixteenEntriesNeverReachPastTheStageTable) {
     memset(d, 0x5a, sizeof(*d));
     std_dump pattern;
     memcpy(&pattern, d, sizeof(pattern));
-
-    write_toc(sixteen_parts(), 16);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->first_stage, 0u);
-    EXPECT_EQ(b_->last_stage, 12u);
-    EXPECT_EQ(memcmp(d, &pattern, sizeof(pattern)), 0);
-    EXPECT_EQ(b_->stage[12].stage, 12u);
-    EXPECT_EQ(b_->stage[12].b_off, 12u * 0x1000);
-    EXPECT_EQ(b_->stage[12].crc, 12u);
+    // Prepares; the entries named as having no slot, and the dump record kept.
+    auto run = [&](const std::vector<Entry>& parts, uint32_t count, const std::string& dropped) {
+        SCOPED_TRACE("count " + std::to_string(count) + ", dropped: " + dropped);
+        ASSERT_TRUE(boot(parts, count));
+        EXPECT_EQ(b_->first_stage, 0u);
+        EXPECT_EQ(b_->last_stage, 12u);
+        EXPECT_EQ(memcmp(d, &pattern, sizeof(pattern)), 0);
+        EXPECT_FALSE(contains("stage=13"));
+        std::string names;
+        const std::regex line(
+            R"(<6>cpif: rix: prepare_boot_args: ERR! TOC\[(\d+)\]\.name = P(\d+) has no stage slot, not loaded\n)");
+        const std::string k = kmsg();
+        for (std::sregex_iterator m(k.begin(), k.end(), line), end; m != end; ++m) {
+            EXPECT_EQ((*m)[1], (*m)[2]);
+            names += (names.empty() ? "P" : " P") + (*m)[2].str();
+        }
+        EXPECT_EQ(names, dropped);
+    };
+    run(sixteen_parts(), 16, "P13 P14 P15");
+    EXPECT_EQ(fields(b_->stage[12]),
+              std::vector<uint32_t>(
+                  {12, static_cast<uint32_t>(b_->bin_fd), 12 * 0x1000, 12 * 0x10000, 0x10, 12, 0}));
     EXPECT_TRUE(contains("build_std_dload_control: stage=12, name:P12 "));
-    EXPECT_FALSE(contains("stage=13"));
-    // Every entry is still listed, and the dropped ones are named.
+    // Every entry is still listed.
     EXPECT_TRUE(contains("TOC[15].name = P15, b_off=0x0000f000, m_off=0x000f0000"));
-    for (int i = 13; i < 16; i++) {
-        EXPECT_TRUE(contains("<6>cpif: rix: prepare_boot_args: ERR! TOC[" + std::to_string(i) +
-                             "].name = P" + std::to_string(i) +
-                             " has no stage slot, not loaded\n"));
-    }
-    bd_->std_boot_close_args();
-
-    // An OFFSET at 14 ends the image: only entry 13 is dropped.
+    // An OFFSET at 14 ends the image; a count of 13 fits the table exactly.
     std::vector<Entry> parts = sixteen_parts();
     parts[14].name = "OFFSET";
-    write_toc(parts, 16);
-    clear_logs();
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->last_stage, 12u);
-    EXPECT_TRUE(contains("ERR! TOC[13].name = P13 has no stage slot"));
-    EXPECT_FALSE(contains("TOC[14].name = OFFSET has no stage slot"));
-    EXPECT_FALSE(contains("TOC[15].name = P15 has no stage slot"));
-    EXPECT_EQ(memcmp(d, &pattern, sizeof(pattern)), 0);
-    bd_->std_boot_close_args();
-
-    // A count of 13 fits the table exactly and drops nothing.
-    write_toc(sixteen_parts(), 13);
-    clear_logs();
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->last_stage, 12u);
-    EXPECT_FALSE(contains("has no stage slot"));
-    EXPECT_EQ(memcmp(d, &pattern, sizeof(pattern)), 0);
+    run(parts, 16, "P13");
+    run(sixteen_parts(), 13, "");
 
     // Built directly with a range past the table, the list still stops.
     b_->last_stage = 15;
@@ -364,47 +413,10 @@ TEST_F(TocTest, SixteenEntriesNeverReachPastTheStageTable) {
     EXPECT_EQ(memcmp(d, &pattern, sizeof(pattern)), 0);
 }
 
-TEST_F(TocTest, SingleEntryCountSkipsTheToc) {
-    // Count 1 needs no verification information for the TOC.
+TEST_F(TocTest, TopBitsAloneAreTocVerificationInformation) {
     std::vector<Entry> parts = standard_parts();
-    parts[0].m_off = 0;
-    write_toc(parts, 1);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->first_stage, 1u);
-    EXPECT_EQ(b_->last_stage, 3u);
-    EXPECT_EQ(b_->stage[0].b_size, 0u);  // TOC not built
-    EXPECT_EQ(b_->stage[1].b_size, 0x100u);
-    EXPECT_EQ(b_->stage[3].b_size, 0x80u);
-    EXPECT_EQ(b_->stage[4].b_size, 0u);
-    EXPECT_FALSE(contains("stage=0,"));
-    EXPECT_TRUE(contains("stage=3, name:VSS"));
-    bd_->std_boot_close_args();
-
-    write_toc(parts, 1);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_DUMP));
-    EXPECT_EQ(b_->first_stage, 1u);
-    EXPECT_EQ(b_->last_stage, 1u);
-    EXPECT_EQ(b_->stage[1].b_size, 0x100u);
-    EXPECT_EQ(b_->stage[2].b_size, 0u);
-}
-
-TEST_F(TocTest, TocNeedsVerificationInformation) {
-    int before = open_descriptors();
-    std::vector<Entry> parts = standard_parts();
-    parts[0].m_off = 0;
-    write_toc(parts, 6);
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(
-        contains("<6>cpif: rix: prepare_boot_args: ERR! invalid TOC : No info for TOC "
-                 "verification\n"));
-    EXPECT_FALSE(contains("stage="));
-    expect_closed_and_reset(before);
-
-    // The raw value is tested: top bits alone count as information.
-    parts[0].m_off = 0xC0000000;
-    write_toc(parts, 6);
-    clear_logs();
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
+    parts[0].m_off = 0xC0000000;  // the raw value is tested
+    ASSERT_TRUE(boot(parts, 6));
     EXPECT_EQ(b_->stage[0].m_off, 0u);
     EXPECT_FALSE(contains("No info"));
 }
@@ -417,136 +429,26 @@ TEST_F(TocTest, NamesAreMatchedWholeAndTheLastOneWins) {
     parts.push_back({"BOOTLOADER12", 0xC000, 0xC00000, 0x10});  // 12 bytes, no NUL
     parts.push_back({"NVX", 0xD000, 0xD00000, 0x10});
     parts.push_back({"OFFSET"});
-    write_toc(parts, 11);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->toc_idx_vss, 5);
-    EXPECT_EQ(b_->toc_idx_boot, 1);
-    EXPECT_EQ(b_->toc_idx_nv, 4);
-    EXPECT_EQ(b_->toc_idx_nv_norm, 6);
-    EXPECT_EQ(b_->toc_idx_nv_prot, 7);
-    EXPECT_EQ(b_->toc_idx_offset, 10);
+    ASSERT_TRUE(boot(parts, 11));
+    EXPECT_EQ(std::vector<int>({b_->toc_idx_boot, b_->toc_idx_vss, b_->toc_idx_nv,
+                                b_->toc_idx_nv_norm, b_->toc_idx_nv_prot, b_->toc_idx_offset}),
+              std::vector<int>({1, 5, 4, 6, 7, 10}));
     EXPECT_EQ(b_->last_stage, 10u);
     // Only the entry that holds the index is sent once.
-    EXPECT_EQ(b_->stage[3].xmit_once, 0u);
-    EXPECT_EQ(b_->stage[5].xmit_once, 1u);
+    EXPECT_EQ(xmit_once(), "0000010000000");
     // NV_NORM and NV_PROT are never loaded; unknown names load like BOOT.
-    EXPECT_EQ(b_->stage[6].fd, 0xFFFFFFFFu);
-    EXPECT_EQ(b_->stage[7].fd, 0xFFFFFFFFu);
-    EXPECT_EQ(b_->stage[8].fd, static_cast<uint32_t>(b_->bin_fd));
-    EXPECT_EQ(b_->stage[9].fd, static_cast<uint32_t>(b_->bin_fd));
-    EXPECT_EQ(b_->stage[9].m_off, 0xD00000u);
-    EXPECT_EQ(b_->stage[10].b_size, 0u);
+    const uint32_t bin = b_->bin_fd;
+    EXPECT_EQ(std::vector<uint32_t>({b_->stage[6].fd, b_->stage[7].fd, b_->stage[8].fd,
+                                     b_->stage[9].fd, b_->stage[9].m_off, b_->stage[10].b_size}),
+              std::vector<uint32_t>({0xFFFFFFFF, 0xFFFFFFFF, bin, bin, 0xD00000, 0}));
     // A name that fills all 12 bytes is printed with exactly those bytes.
     EXPECT_TRUE(contains("TOC[8].name = BOOTLOADER12, b_off=0x0000c000"));
     EXPECT_TRUE(contains("stage=8, name:BOOTLOADER12 b_off=0x0000c000"));
-    bd_->std_boot_close_args();
 
     // With the VSS option the part goes at every boot.
     rix_args.options |= BOPT_REINIT_VSS;
-    write_toc(parts, 11);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    for (const std_dload_control& s : b_->stage) {
-        EXPECT_EQ(s.xmit_once, 0u);
-    }
-}
-
-TEST_F(TocTest, OffsetEndsTheStageList) {
-    std::vector<Entry> parts = standard_parts();
-    parts[5] = {"P5", 0x8000, 0x800000, 0x10};
-    parts.push_back({"P6", 0x9000, 0x900000, 0x10});
-    parts.push_back({"OFFSET"});
-    parts.push_back({"P8", 0xA000, 0xA00000, 0x10});
-    write_toc(parts, 9);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->last_stage, 8u);
-    EXPECT_EQ(b_->stage[6].b_size, 0x10u);
-    EXPECT_EQ(b_->stage[7].b_size, 0u);
-    EXPECT_EQ(b_->stage[8].b_size, 0u);
-    EXPECT_EQ(b_->stage[8].stage, 0u);
-    EXPECT_TRUE(contains("TOC[8].name = P8"));
-    EXPECT_FALSE(contains("name:P8"));
-    EXPECT_FALSE(contains("name:OFFSET"));
-}
-
-TEST_F(TocTest, NvEntryIsRequiredInNormalModeOnly) {
-    int before = open_descriptors();
-    // No NV entry.
-    std::vector<Entry> parts = standard_parts();
-    parts[4].name = "XV";
-    write_toc(parts, 6);
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(
-        contains("<6>cpif: rix: std_boot_parse_toc_img: ERR! invalid TOC : There is no NV\n"));
-    EXPECT_FALSE(std::filesystem::exists(kNvPath));
-    expect_closed_and_reset(before);
-
-    // An NV entry of size 0 with an existing NV file: opened, then refused.
-    write_file(kNvPath, std::string(64, '\xff'));
-    parts = standard_parts();
-    parts[4].size = 0;
-    write_toc(parts, 6);
-    clear_logs();
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(contains("getNvFd: NV(/mnt/vendor/efs/nv_data.bin) opened"));
-    EXPECT_TRUE(contains("ERR! invalid TOC : There is no NV\n"));
-    expect_closed_and_reset(before);
-
-    // Size 0 without the file: the creation fails first and leaves nothing.
-    std::filesystem::remove(kNvPath);
-    clear_logs();
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(contains("<6>cpif: rix: create_empty_nv: ERR! wrong size(0)\n"));
-    EXPECT_FALSE(contains("There is no NV"));
-    EXPECT_FALSE(std::filesystem::exists(kNvPath));
-    expect_closed_and_reset(before);
-
-    // Dump mode: no NV file is opened or created, size 0 or not.
-    for (uint32_t size : {0u, 0x100u}) {
-        parts[4].size = size;
-        write_toc(parts, 6);
-        clear_logs();
-        ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_DUMP));
-        EXPECT_EQ(b_->nv_fd, -1);
-        EXPECT_EQ(b_->last_stage, 1u);
-        EXPECT_FALSE(std::filesystem::exists(kNvPath));
-        EXPECT_FALSE(contains("NV("));
-        EXPECT_FALSE(contains("stage=2"));
-        bd_->std_boot_close_args();
-    }
-}
-
-TEST_F(TocTest, NvEntryOutsideTheLoadedRangeIsStillOpened) {
-    // Count 3 loads TOC, BOOT and MAIN; the NV entry at 4 still needs its file.
-    write_toc(standard_parts(), 3);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->last_stage, 2u);
-    EXPECT_TRUE(same_file(b_->nv_fd, kNvPath));
-    EXPECT_EQ(std::filesystem::file_size(kNvPath), 0x100u);
-    EXPECT_EQ(b_->stage[4].fd, 0u);  // not built
-}
-
-TEST_F(TocTest, EmptyNvPathLoadsUpToMain) {
-    rix_args.nv_data_path[0] = '\0';
-    write_toc(standard_parts(), 6);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->nv_fd, -1);
-    EXPECT_EQ(b_->first_stage, 0u);
-    EXPECT_EQ(b_->last_stage, 2u);
-    EXPECT_EQ(b_->stage[3].b_size, 0u);
-    bd_->std_boot_close_args();
-
-    write_toc(standard_parts(), 1);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_EQ(b_->first_stage, 1u);
-    EXPECT_EQ(b_->last_stage, 2u);
-    bd_->std_boot_close_args();
-
-    // The NV entry is still required.
-    std::vector<Entry> parts = standard_parts();
-    parts[4].size = 0;
-    write_toc(parts, 6);
-    EXPECT_FALSE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(contains("There is no NV"));
+    ASSERT_TRUE(boot(parts, 11));
+    EXPECT_EQ(xmit_once(), "0000000000000");
 }
 
 // A valid NV image of 4 data bytes 01 02 03 04: sum 0x0201 + 0x0403.
@@ -562,8 +464,7 @@ TEST_F(TocTest, NvChecksumFallsBackToTheTempFile) {
 
     // A valid file is kept.
     write_file(kNvPath, valid_nv());
-    write_toc(standard_parts(), 6);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
+    ASSERT_TRUE(boot(standard_parts(), 6));
     EXPECT_TRUE(same_file(b_->nv_fd, kNvPath));
     EXPECT_TRUE(contains("CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : verified"));
     EXPECT_FALSE(std::filesystem::exists(kNvTempPath));
@@ -574,38 +475,31 @@ TEST_F(TocTest, NvChecksumFallsBackToTheTempFile) {
     std::string bad = valid_nv();
     bad[20] = 0x05;
     write_file(kNvPath, bad);
-    clear_logs();
     int before = open_descriptors();
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
+    ASSERT_TRUE(boot(standard_parts(), 6));
     EXPECT_TRUE(contains("checksum : corrupted"));
     EXPECT_TRUE(same_file(b_->nv_fd, kNvTempPath));
     EXPECT_EQ(b_->stage[4].fd, static_cast<uint32_t>(b_->nv_fd));
     EXPECT_EQ(std::filesystem::file_size(kNvTempPath), 0x100u);
     EXPECT_EQ(open_descriptors(), before + 3);
-    bd_->std_boot_close_args();
 
     // When the temp file cannot be had either, the first descriptor stays.
     snprintf(rix_args.nv_temp_path, sizeof(rix_args.nv_temp_path), "%s", "/mnt/vendor/none/t.bin");
-    clear_logs();
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
+    ASSERT_TRUE(boot(standard_parts(), 6));
     EXPECT_TRUE(contains("create_empty_nv(/mnt/vendor/none/t.bin, 256) fail"));
     EXPECT_TRUE(same_file(b_->nv_fd, kNvPath));
     EXPECT_EQ(open_descriptors(), before + 3);
-    bd_->std_boot_close_args();
 
     // Dump mode checks the file too, but opens nothing.
-    clear_logs();
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_DUMP));
+    ASSERT_TRUE(boot(standard_parts(), 6, CP_BOOT_MODE_DUMP));
     EXPECT_TRUE(contains("checksum : corrupted"));
     EXPECT_EQ(b_->nv_fd, -1);
     EXPECT_EQ(open_descriptors(), before + 2);
-}
 
-TEST_F(TocTest, NvChecksumWithoutDataPathUsesTheTempFile) {
-    rix_args.options |= BOPT_NV_CHECKSUM;
+    // Without a data path the temp file is used.
     rix_args.nv_data_path[0] = '\0';
-    write_toc(standard_parts(), 6);
-    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
+    snprintf(rix_args.nv_temp_path, sizeof(rix_args.nv_temp_path), "%s", kNvTempPath);
+    ASSERT_TRUE(boot(standard_parts(), 6));
     EXPECT_TRUE(contains("<6>cpif: rix: CsumCheckForFile: Failed to open file<6>"));
     EXPECT_TRUE(same_file(b_->nv_fd, kNvTempPath));
     EXPECT_EQ(b_->last_stage, 2u);
@@ -616,12 +510,10 @@ TEST_F(TocTest, NvDescriptorGoesOnlyToTheNvStage) {
     b_->nv_fd = 42;
     b_->toc_idx_nv = 4;
     b_->toc_idx_nv_norm = 5;
-    b_->stage[3].fd = 7;
-    b_->stage[4].fd = 7;
-    b_->stage[5].fd = 7;
-    bd_->build_std_dload_control_nv_fd(3, 3);
-    bd_->build_std_dload_control_nv_fd(4, 4);
-    bd_->build_std_dload_control_nv_fd(5, 5);
+    for (unsigned i : {3, 4, 5}) {
+        b_->stage[i].fd = 7;
+        bd_->build_std_dload_control_nv_fd(i, i);
+    }
     EXPECT_EQ(b_->stage[3].fd, 7u);
     EXPECT_EQ(b_->stage[4].fd, 42u);
     EXPECT_EQ(b_->stage[5].fd, 0xFFFFFFFFu);
