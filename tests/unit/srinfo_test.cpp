@@ -50,18 +50,51 @@ Block driver_block(const std::string& text = kText, long len = -1) {
     return b;
 }
 
-std::string file_text(const char* path) {
-    return read_file(path);
-}
-
-mode_t mode_of(const char* path) {
-    struct stat st;
+struct stat stat_of(const char* path) {
+    struct stat st = {};
     EXPECT_EQ(stat(path, &st), 0) << path;
-    return st.st_mode & 07777;
+    return st;
 }
-
+mode_t mode_of(const char* path) {
+    return stat_of(path).st_mode & 07777;
+}
 bool exists(const char* path) {
     return std::filesystem::exists(path);
+}
+
+// Kernel log lines: an information line and an error line with errno's text.
+std::string info(const std::string& fn, const std::string& text) {
+    return "<6>cpif: rix: " + fn + ": " + text + "\n";
+}
+std::string err(const std::string& error, const std::string& fn, const std::string& text) {
+    return "<3>cpif: rix: (ERR! " + error + ") " + fn + ": " + text + "\n";
+}
+std::string invalid_marker(const std::string& found) {
+    return info("alloc_srinfo", "Crash info string was invalid(" + found + "/5245564a)");
+}
+const std::string kCheckLine =
+    info("check_srinfo_last", std::string("check_srinfo_last: full_path: ") + kLast);
+// The lines of opening the hex log when it holds size bytes.
+std::string opening_hex_log(const std::string& size) {
+    return info("open_srinfo_file", std::string("open file - ") + kHex + "(" + kBak + ")") +
+           info("open_srinfo_file", "srinfo log size : " + size + "/0x10000)");
+}
+
+// A hex log entry without its time line, which must lead it.
+std::string without_time(const std::string& entry) {
+    std::smatch m;
+    const std::regex time(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\]\n([\s\S]*))");
+    return std::regex_match(entry, m, time) ? m[1].str() : "no time line in: " + entry;
+}
+
+// What write_srinfo_file, which must succeed, puts into an empty file.
+std::string hex_entry(uint8_t* data, unsigned len) {
+    int fd = memfd_create("hex", MFD_CLOEXEC);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(SrinfoTarn().write_srinfo_file(fd, reinterpret_cast<char*>(data), len), 0);
+    const std::string out = read_file("/proc/self/fd/" + std::to_string(fd));
+    close(fd);
+    return without_time(out);
 }
 
 // Stands in for the driver's fetch: the block it fills is `record`, and the
@@ -83,6 +116,26 @@ class DriverStandIn : public SrinfoTarn {
     int fetch_fd = -1;
 };
 
+// The phone's group database, with the group "log", over the host's for one
+// test (the tests run in a mount namespace of their own).
+class WithLogGroup {
+  public:
+    explicit WithLogGroup(const std::string& dir) {
+        const std::string file = dir + "/group";
+        std::ofstream(file) << "root:x:0:\nlog:x:1007:\n";
+        mounted_ = mount(file.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) == 0;
+    }
+    ~WithLogGroup() {
+        if (mounted_) {
+            umount2("/etc/group", MNT_DETACH);
+        }
+    }
+    bool mounted() const { return mounted_; }
+
+  private:
+    bool mounted_ = false;
+};
+
 class SrinfoTest : public RixTest {
   protected:
     void SetUp() override {
@@ -100,39 +153,30 @@ class SrinfoTest : public RixTest {
     // On the phone /data/vendor/log is there before the daemon runs.
     void make_parent() { std::filesystem::create_directories("/data/vendor/log"); }
     void make_dirs() { std::filesystem::create_directories("/data/vendor/log/rix/err"); }
+    bool logged(const std::string& text) const { return kmsg().find(text) != std::string::npos; }
 
     mode_t old_mask_ = 0;
 };
 
-// ---- The fetched block ----
-
 TEST_F(SrinfoTest, BlockNeedsItsMarkerWithinTheValidBytes) {
     unsigned int len = 7;
-    Block ok = driver_block();
-    EXPECT_TRUE(srinfo_check_block(ok.get(), &len));
+    EXPECT_TRUE(srinfo_check_block(driver_block().get(), &len));
     EXPECT_EQ(len, 16 + strlen(kText));
     EXPECT_EQ(kmsg(), "");
 
-    Block wrong = driver_block("//ABCD}");
-    EXPECT_FALSE(srinfo_check_block(wrong.get(), &len));
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: alloc_srinfo: Crash info string was invalid(44434241/5245564a)\n");
+    EXPECT_FALSE(srinfo_check_block(driver_block("//ABCD}").get(), &len));
+    EXPECT_EQ(kmsg(), invalid_marker("44434241"));
     EXPECT_EQ(radio(),
               "D/boot: rix: alloc_srinfo: Crash info string was invalid(44434241/5245564a)\n");
 
     // The marker bytes are there, but the driver says they are not valid.
     clear_logs();
-    Block shorter = driver_block("//JVER}", 21);
-    EXPECT_FALSE(srinfo_check_block(shorter.get(), &len));
+    EXPECT_FALSE(srinfo_check_block(driver_block("//JVER}", 21).get(), &len));
     EXPECT_EQ(len, 21u);
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: alloc_srinfo: Crash info string was invalid(5245564a/5245564a)\n");
-    Block just = driver_block("//JVER", 22);
-    EXPECT_TRUE(srinfo_check_block(just.get(), &len));
-}
+    EXPECT_EQ(kmsg(), invalid_marker("5245564a"));
+    EXPECT_TRUE(srinfo_check_block(driver_block("//JVER", 22).get(), &len));
 
-TEST_F(SrinfoTest, DriverLengthIsBoundedToTheBlock) {
-    unsigned int len = 0;
+    // The driver's length is bounded to the block.
     Block b = driver_block(kText, 0xFFFFFFFF);
     EXPECT_TRUE(srinfo_check_block(b.get(), &len));
     EXPECT_EQ(len, 4092u);
@@ -143,22 +187,20 @@ TEST_F(SrinfoTest, TextRunsThroughTheFirstClosingBrace) {
     EXPECT_EQ(srinfo_text_len(driver_block().get()), kCloseAt + 1);
     // No '}' within the valid bytes: the text ends with them, even when the
     // bytes after them hold one.
-    Block open = driver_block("//JVER no brace here}", 16 + 14);
-    EXPECT_EQ(srinfo_text_len(open.get()), 14u);
-    // A '}' as the very last valid byte, and a block filled to the end.
+    EXPECT_EQ(srinfo_text_len(driver_block("//JVER no brace here}", 16 + 14).get()), 14u);
+    // A '}' as the very last valid byte, a block filled to the end, a length
+    // past the block, and no text at all.
     Block full = driver_block("//JVER", 4092);
     memset(full->data + 22, 'a', 4092 - 22);
-    EXPECT_EQ(srinfo_text_len(full.get()), 4092u - 16);
-    full->data[4091] = '}';
-    EXPECT_EQ(srinfo_text_len(full.get()), 4092u - 16);
-    // A length past the block is never followed.
-    full->len = 0xFFFFFFFF;
-    EXPECT_EQ(srinfo_text_len(full.get()), 4092u - 16);
-    full->len = 16;
-    EXPECT_EQ(srinfo_text_len(full.get()), 0u);
+    for (auto [last, len, text_len] : {std::tuple{'a', 4092u, 4076u},
+                                       {'}', 4092u, 4076u},
+                                       {'}', 0xFFFFFFFFu, 4076u},
+                                       {'}', 16u, 0u}}) {
+        full->data[4091] = last;
+        full->len = len;
+        EXPECT_EQ(srinfo_text_len(full.get()), text_len) << "last byte " << last << ", len " << len;
+    }
 }
-
-// ---- The hex log entry ----
 
 TEST_F(SrinfoTest, HexRowsShowWordsAndPrintableBytes) {
     Block b = new_block();
@@ -180,60 +222,30 @@ TEST_F(SrinfoTest, HexRowsShowWordsAndPrintableBytes) {
 }
 
 TEST_F(SrinfoTest, HexEntryHasTimeRowsAndEmptyLine) {
-    int fd = memfd_create("hex", MFD_CLOEXEC);
-    ASSERT_GE(fd, 0);
     Block b = new_block();
     for (int i = 0; i < 20; i++) {
         b->data[i] = static_cast<uint8_t>(0x41 + i);
     }
     b->data[20] = 0x55;  // past len: shows as zero
-    SrinfoTarn s;
-    EXPECT_EQ(s.write_srinfo_file(fd, reinterpret_cast<char*>(b->data), 20), 0);
-    std::string out(512, '\0');
-    out.resize(pread(fd, out.data(), out.size(), 0));
-    std::smatch m;
-    ASSERT_TRUE(
-        std::regex_match(out, m, std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\]\n([\s\S]*))")))
-        << out;
-    EXPECT_EQ(m[1].str(),
+    EXPECT_EQ(hex_entry(b->data, 20),
               "0000:44434241 48474645 4c4b4a49 504f4e4d ABCDEFGHIJKLMNOP\n"
               "0010:54535251 00000000 00000000 00000000 QRST............\n"
               "\n");
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: write_srinfo_file: store to hex ascii text size=(0x14)\n"
-              "<6>cpif: rix: write_srinfo_file: store done\n");
-
+    EXPECT_EQ(kmsg(), info("write_srinfo_file", "store to hex ascii text size=(0x14)") +
+                          info("write_srinfo_file", "store done"));
     // len 0 gives the time line and the empty line only.
-    ASSERT_EQ(ftruncate(fd, 0), 0);
-    ASSERT_EQ(lseek(fd, 0, SEEK_SET), 0);
-    EXPECT_EQ(s.write_srinfo_file(fd, reinterpret_cast<char*>(b->data), 0), 0);
-    out.assign(512, '\0');
-    out.resize(pread(fd, out.data(), out.size(), 0));
-    EXPECT_TRUE(std::regex_match(out, std::regex(R"(\[[^\]]*\]\n\n)"))) << out;
-    close(fd);
-}
+    EXPECT_EQ(hex_entry(b->data, 0), "\n");
 
-TEST_F(SrinfoTest, FullBlockListingNeverReadsPastTheBlock) {
-    int fd = memfd_create("hex", MFD_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    Block b = new_block();
+    // A length beyond the room is treated as the whole room: 256 rows, the
+    // last shows 12 bytes of the block and 4 zero bytes.
     memset(b->data, 0x7A, sizeof(b->data));
-    SrinfoTarn s;
-    // A length beyond the room is treated as the whole room.
     for (unsigned len : {4092u, 0xFFFFFFFFu}) {
-        ASSERT_EQ(ftruncate(fd, 0), 0);
-        ASSERT_EQ(lseek(fd, 0, SEEK_SET), 0);
-        EXPECT_EQ(s.write_srinfo_file(fd, reinterpret_cast<char*>(b->data), len), 0);
-        struct stat st;
-        ASSERT_EQ(fstat(fd, &st), 0);
-        std::string out(st.st_size, '\0');
-        ASSERT_EQ(pread(fd, out.data(), out.size(), 0), st.st_size);
-        // 256 rows; the last shows 12 bytes of the block and 4 zero bytes.
-        EXPECT_EQ(out.size(), 22u + 256 * kSrinfoRowLen + 1);
-        EXPECT_NE(out.find("0ff0:7a7a7a7a 7a7a7a7a 7a7a7a7a 00000000 zzzzzzzzzzzz....\n\n"),
-                  std::string::npos);
+        const std::string out = hex_entry(b->data, len);
+        ASSERT_EQ(out.size(), 256 * kSrinfoRowLen + 1) << len;
+        EXPECT_EQ(out.substr(255 * kSrinfoRowLen),
+                  "0ff0:7a7a7a7a 7a7a7a7a 7a7a7a7a 00000000 zzzzzzzzzzzz....\n\n")
+            << len;
     }
-    close(fd);
 }
 
 TEST_F(SrinfoTest, FailedFlushOfTheHexLogIsReported) {
@@ -243,14 +255,11 @@ TEST_F(SrinfoTest, FailedFlushOfTheHexLogIsReported) {
     SrinfoTarn s;
     EXPECT_EQ(s.write_srinfo_file(p[1], reinterpret_cast<char*>(b->data), 16), -1);
     EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: write_srinfo_file: store to hex ascii text size=(0x10)\n"
-              "<3>cpif: rix: (ERR! Invalid argument) write_srinfo_file: ERR! fsync(srinfo_hex) "
-              "fail\n");
+              info("write_srinfo_file", "store to hex ascii text size=(0x10)") +
+                  err("Invalid argument", "write_srinfo_file", "ERR! fsync(srinfo_hex) fail"));
     close(p[0]);
     close(p[1]);
 }
-
-// ---- The hex log file and its rotation ----
 
 TEST_F(SrinfoTest, HexLogIsCreatedForTheGroupAndKeptUpToTheLimit) {
     make_dirs();
@@ -259,10 +268,7 @@ TEST_F(SrinfoTest, HexLogIsCreatedForTheGroupAndKeptUpToTheLimit) {
     ASSERT_GE(fd, 0);
     close(fd);
     EXPECT_EQ(mode_of(kHex), 0660u);
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: open_srinfo_file: open file - "
-              "/data/vendor/log/rix/sr_info_umts(/data/vendor/log/rix/.sr_info_umts.bak)\n"
-              "<6>cpif: rix: open_srinfo_file: srinfo log size : 0(0x0/0x10000)\n");
+    EXPECT_EQ(kmsg(), opening_hex_log("0(0x0"));
 
     // Exactly at the limit the log is appended to.
     std::filesystem::resize_file(kHex, 65536);
@@ -273,38 +279,29 @@ TEST_F(SrinfoTest, HexLogIsCreatedForTheGroupAndKeptUpToTheLimit) {
     close(fd);
     EXPECT_EQ(std::filesystem::file_size(kHex), 65537u);
     EXPECT_FALSE(exists(kBak));
-    EXPECT_NE(kmsg().find("srinfo log size : 65536(0x10000/0x10000)\n"), std::string::npos);
-}
+    EXPECT_EQ(kmsg(), opening_hex_log("65536(0x10000"));
 
-TEST_F(SrinfoTest, HexLogPastTheLimitBecomesTheOnlyBackup) {
-    make_dirs();
+    // One byte past the limit (now) the log becomes the only backup.
     std::ofstream(kBak) << "older generation";
-    {
-        std::ofstream hex(kHex, std::ios::binary);
-        hex << std::string(65536, 'a') << "z";
-    }
     ASSERT_EQ(chmod(kHex, 0660), 0);
-    SrinfoTarn s;
-    int fd = s.open_srinfo_file("umts");
+    clear_logs();
+    fd = s.open_srinfo_file("umts");
     ASSERT_GE(fd, 0);
     ASSERT_EQ(write(fd, "new", 3), 3);
     close(fd);
-    EXPECT_EQ(file_text(kHex), "new");
+    EXPECT_EQ(read_file(kHex), "new");
     EXPECT_EQ(mode_of(kHex), 0664u);
-    EXPECT_EQ(std::filesystem::file_size(kBak), 65537u);
-    EXPECT_EQ(file_text(kBak).back(), 'z');
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: open_srinfo_file: open file - "
-              "/data/vendor/log/rix/sr_info_umts(/data/vendor/log/rix/.sr_info_umts.bak)\n"
-              "<6>cpif: rix: open_srinfo_file: srinfo log size : 65537(0x10001/0x10000)\n");
+    const std::string bak = read_file(kBak);
+    EXPECT_EQ(bak.size(), 65537u);
+    EXPECT_EQ(bak.back(), 'x');
+    EXPECT_EQ(kmsg(), opening_hex_log("65537(0x10001"));
 }
 
 TEST_F(SrinfoTest, HexLogOpenAndRotationFailures) {
     SrinfoTarn s;
     EXPECT_EQ(s.open_srinfo_file("umts"), -1);  // no log directory
-    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! No such file or directory) open_srinfo_file: "
-                          "open fail - /data/vendor/log/rix/sr_info_umts\n"),
-              std::string::npos);
+    EXPECT_TRUE(logged(
+        err("No such file or directory", "open_srinfo_file", std::string("open fail - ") + kHex)));
 
     // A backup name held by a directory with content can be neither deleted
     // nor replaced; the full log stays where it is.
@@ -313,24 +310,15 @@ TEST_F(SrinfoTest, HexLogOpenAndRotationFailures) {
     std::ofstream(kHex, std::ios::binary) << std::string(65537, 'a');
     clear_logs();
     EXPECT_EQ(s.open_srinfo_file("umts"), -1);
-    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! Is a directory) open_srinfo_file: rename "
-                          "(/data/vendor/log/rix/sr_info_umts -> "
-                          "/data/vendor/log/rix/.sr_info_umts.bak) file fail\n"),
-              std::string::npos);
+    EXPECT_TRUE(logged(err("Is a directory", "open_srinfo_file",
+                           std::string("rename (") + kHex + " -> " + kBak + ") file fail")));
     EXPECT_EQ(std::filesystem::file_size(kHex), 65537u);
 
     // A name that does not fit the path is refused before anything is opened.
     clear_logs();
     EXPECT_EQ(s.open_srinfo_file(std::string(40, 'n').c_str()), -1);
-    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! File name too long) open_srinfo_file: open fail"),
-              std::string::npos);
+    EXPECT_TRUE(logged("<3>cpif: rix: (ERR! File name too long) open_srinfo_file: open fail"));
 }
-
-// ---- Store ----
-
-const char kCheckLine[] =
-    "<6>cpif: rix: check_srinfo_last: check_srinfo_last: full_path: "
-    "/data/vendor/log/rix/err/last_sr_info_umts\n";
 
 TEST_F(SrinfoTest, StoreKeepsTextInLastFileAndAppendsHexEntry) {
     make_parent();
@@ -340,50 +328,45 @@ TEST_F(SrinfoTest, StoreKeepsTextInLastFileAndAppendsHexEntry) {
     EXPECT_EQ(s.fetch_fd, 42);
 
     // The text through its first '}', no terminator, no line feed.
-    EXPECT_EQ(file_text(kLast), std::string(kText, kCloseAt + 1));
+    EXPECT_EQ(read_file(kLast), std::string(kText, kCloseAt + 1));
     EXPECT_EQ(mode_of(kLast), 0664u);
     EXPECT_EQ(mode_of(kHex), 0660u);
-    const std::string hex = file_text(kHex);
-    std::smatch m;
-    ASSERT_TRUE(
-        std::regex_match(hex, m, std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\]\n([\s\S]*))")))
-        << hex;
-    EXPECT_EQ(m[1].str(),
+    EXPECT_EQ(without_time(read_file(kHex)),
               "0000:03020100 07060504 0b0a0908 0f0e0d0c ................\n"
               "0010:564a2f2f 52205245 54455345 3178303d //JVER.RESET=0x1\n"
               "0020:61742032 4c3d6b73 43535f31 20444548 2.task=L1_SCHED.\n"
               "0030:303d6370 30663478 6961747d 7d787b6c pc=0x4f0}tail{x}\n"
               "\n");
     EXPECT_EQ(kmsg(),
-              std::string(kCheckLine) +
-                  "<6>cpif: rix: create_directory: log path (/data/vendor/log/rix) created\n"
-                  "<6>cpif: rix: create_directory: log path (/data/vendor/log/rix/err) "
-                  "created\n"
-                  "<6>cpif: rix: create_srinfo_last: create last_sr_info file - "
-                  "/data/vendor/log/rix/err/last_sr_info_umts\n"
-                  "<6>cpif: rix: write_srinfo_last: store to ascii text (40 bytes)\n"
-                  "<6>cpif: rix: open_srinfo_file: open file - "
-                  "/data/vendor/log/rix/sr_info_umts(/data/vendor/log/rix/"
-                  ".sr_info_umts.bak)\n"
-                  "<6>cpif: rix: open_srinfo_file: srinfo log size : 0(0x0/0x10000)\n"
-                  "<6>cpif: rix: write_srinfo_file: store to hex ascii text size=(0x40)\n"
-                  "<6>cpif: rix: write_srinfo_file: store done\n");
-}
+              kCheckLine + info("create_directory", "log path (/data/vendor/log/rix) created") +
+                  info("create_directory", "log path (/data/vendor/log/rix/err) created") +
+                  info("create_srinfo_last", std::string("create last_sr_info file - ") + kLast) +
+                  info("write_srinfo_last", "store to ascii text (40 bytes)") +
+                  opening_hex_log("0(0x0") +
+                  info("write_srinfo_file", "store to hex ascii text size=(0x40)") +
+                  info("write_srinfo_file", "store done"));
 
-TEST_F(SrinfoTest, StoreIsSkippedWhileABlockWaits) {
-    make_parent();
-    DriverStandIn s;
-    s.store_srinfo(3);
-    const std::string last = file_text(kLast);
-    const std::string hex = file_text(kHex);
+    // While a block waits in the last file, the driver is not even asked.
+    const std::string last = read_file(kLast), hex = read_file(kHex);
     clear_logs();
     s.record = driver_block("//JVER other}");
     s.store_srinfo(3);
-    EXPECT_EQ(s.fetches, 1);  // the driver is not even asked
-    EXPECT_EQ(file_text(kLast), last);
-    EXPECT_EQ(file_text(kHex), hex);
-    EXPECT_EQ(kmsg(), std::string(kCheckLine) +
-                          "<6>cpif: rix: store_srinfo: srinfo_last file exist, skip!\n");
+    EXPECT_EQ(s.fetches, 1);
+    EXPECT_EQ(read_file(kLast), last);
+    EXPECT_EQ(read_file(kHex), hex);
+    EXPECT_EQ(kmsg(), kCheckLine + info("store_srinfo", "srinfo_last file exist, skip!"));
+
+    // No '}' in the valid bytes: the text ends with them, though the driver's
+    // bytes after len hold a '}'.
+    std::filesystem::remove(kLast);
+    std::filesystem::remove(kHex);
+    s.record = driver_block("//JVER no brace}", 16 + 14);
+    s.store_srinfo(3);
+    EXPECT_EQ(read_file(kLast), "//JVER no brac");
+    EXPECT_TRUE(logged(info("write_srinfo_last", "store to ascii text (13 bytes)")));
+    EXPECT_EQ(without_time(read_file(kHex)),
+              "0000:03020100 07060504 0b0a0908 0f0e0d0c ................\n"
+              "0010:564a2f2f 6e205245 7262206f 00006361 //JVER.no.brac..\n\n");
 }
 
 TEST_F(SrinfoTest, InvalidOrRefusedBlockTouchesNoFile) {
@@ -391,10 +374,8 @@ TEST_F(SrinfoTest, InvalidOrRefusedBlockTouchesNoFile) {
     DriverStandIn s;
     s.record = driver_block("//ABCD}");
     s.store_srinfo(3);
-    EXPECT_EQ(kmsg(), std::string(kCheckLine) +
-                          "<6>cpif: rix: alloc_srinfo: Crash info string was "
-                          "invalid(44434241/5245564a)\n"
-                          "<6>cpif: rix: store_srinfo: alloc srinfo fail\n");
+    EXPECT_EQ(kmsg(),
+              kCheckLine + invalid_marker("44434241") + info("store_srinfo", "alloc srinfo fail"));
     EXPECT_FALSE(exists("/data/vendor/log/rix"));
 
     // The real fetch on a descriptor that is no driver.
@@ -407,10 +388,10 @@ TEST_F(SrinfoTest, InvalidOrRefusedBlockTouchesNoFile) {
     EXPECT_EQ(len, 0u);
     clear_logs();
     real.store_srinfo(fd);
-    EXPECT_EQ(kmsg(), std::string(kCheckLine) +
-                          "<3>cpif: rix: (ERR! Inappropriate ioctl for device) alloc_srinfo: "
-                          "ioctl fail - Get srinfo(-1)\n"
-                          "<6>cpif: rix: store_srinfo: alloc srinfo fail\n");
+    EXPECT_EQ(kmsg(), kCheckLine +
+                          err("Inappropriate ioctl for device", "alloc_srinfo",
+                              "ioctl fail - Get srinfo(-1)") +
+                          info("store_srinfo", "alloc srinfo fail"));
     EXPECT_EQ(radio(),
               "D/boot: rix: check_srinfo_last: check_srinfo_last: full_path: "
               "/data/vendor/log/rix/err/last_sr_info_umts\n"
@@ -421,19 +402,6 @@ TEST_F(SrinfoTest, InvalidOrRefusedBlockTouchesNoFile) {
     close(fd);
 }
 
-TEST_F(SrinfoTest, TextWithoutBraceEndsWithTheValidBytes) {
-    make_parent();
-    DriverStandIn s;
-    // The driver's bytes after len hold a '}' that must not be reached.
-    s.record = driver_block("//JVER no brace}", 16 + 14);
-    s.store_srinfo(3);
-    EXPECT_EQ(file_text(kLast), "//JVER no brac");
-    EXPECT_NE(kmsg().find("write_srinfo_last: store to ascii text (13 bytes)\n"),
-              std::string::npos);
-    EXPECT_NE(file_text(kHex).find("0010:564a2f2f 6e205245 7262206f 00006361 //JVER.no.brac..\n\n"),
-              std::string::npos);
-}
-
 TEST_F(SrinfoTest, StoreStopsWhereAFileCannotBeMade) {
     make_parent();
     DriverStandIn s;
@@ -442,10 +410,10 @@ TEST_F(SrinfoTest, StoreStopsWhereAFileCannotBeMade) {
     std::ofstream("/data/vendor/log/rix/err") << "";
     s.store_srinfo(3);
     EXPECT_EQ(s.fetches, 1);
-    EXPECT_NE(kmsg().find("<6>cpif: rix: create_directory: (/data/vendor/log/rix/err) is not a "
-                          "directory\n"),
-              std::string::npos);
-    EXPECT_EQ(kmsg().find("create_srinfo_last"), std::string::npos);
+    EXPECT_NE(
+        kmsg().find(info("create_directory", "(/data/vendor/log/rix/err) is not a directory")),
+        std::string::npos);
+    EXPECT_FALSE(logged("create_srinfo_last"));
     EXPECT_FALSE(exists(kHex));
 
     // The last file's name leads nowhere.
@@ -455,10 +423,9 @@ TEST_F(SrinfoTest, StoreStopsWhereAFileCannotBeMade) {
     clear_logs();
     s.store_srinfo(3);
     EXPECT_EQ(s.fetches, 2);
-    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! No such file or directory) create_srinfo_last: "
-                          "last_sr_info create fail\n"
-                          "<6>cpif: rix: store_srinfo: sr_info_last open fail(-1)\n"),
-              std::string::npos);
+    EXPECT_TRUE(
+        logged(err("No such file or directory", "create_srinfo_last", "last_sr_info create fail") +
+               info("store_srinfo", "sr_info_last open fail(-1)")));
     EXPECT_FALSE(exists(kHex));
 
     // The hex log's name is taken by a directory: the last file is kept.
@@ -466,36 +433,47 @@ TEST_F(SrinfoTest, StoreStopsWhereAFileCannotBeMade) {
     std::filesystem::create_directory(kHex);
     clear_logs();
     s.store_srinfo(3);
-    EXPECT_EQ(file_text(kLast), std::string(kText, kCloseAt + 1));
-    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! Is a directory) open_srinfo_file: open fail - "
-                          "/data/vendor/log/rix/sr_info_umts\n"
-                          "<6>cpif: rix: store_srinfo: sr_info_last create fail(-1)\n"),
-              std::string::npos);
+    EXPECT_EQ(read_file(kLast), std::string(kText, kCloseAt + 1));
+    EXPECT_NE(
+        kmsg().find(err("Is a directory", "open_srinfo_file", std::string("open fail - ") + kHex) +
+                    info("store_srinfo", "sr_info_last create fail(-1)")),
+        std::string::npos);
 }
 
-// ---- Restore ----
+TEST_F(SrinfoTest, HexLogBelongsToGroupLogAlsoAfterRotation) {
+    WithLogGroup group(dir_);
+    ASSERT_TRUE(group.mounted());
+    make_parent();
+    DriverStandIn s;
+    s.store_srinfo(3);
+    EXPECT_EQ(stat_of(kHex).st_gid, 1007u);
+    EXPECT_EQ(stat_of(kLast).st_gid, 0u);  // the last file is not the log group's
 
-TEST_F(SrinfoTest, RestoreWithoutWaitingBlock) {
-    SrinfoTarn s;
-    s.restore_srinfo(3);
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: open_srinfo_last: open last_sr_info file - "
-              "/data/vendor/log/rix/err/last_sr_info_umts\n"
-              "<3>cpif: rix: (ERR! No such file or directory) open_srinfo_last: last_sr_info "
-              "open fail\n"
-              "<6>cpif: rix: restore_srinfo: sr_info_last open fail(-1)\n");
+    std::filesystem::remove(kLast);
+    ASSERT_EQ(chown(kHex, 0, 0), 0);
+    std::filesystem::resize_file(kHex, 65537);
+    s.store_srinfo(3);
+    EXPECT_TRUE(exists(kBak));
+    EXPECT_EQ(stat_of(kHex).st_gid, 1007u);
+    EXPECT_EQ(mode_of(kHex), 0664u);
+}
+
+// The block read back from the last file.
+Block hand_back() {
+    char path[kSrinfoPathLen];
+    int fd = open_srinfo_last(path);
+    EXPECT_GE(fd, 0);
+    EXPECT_STREQ(path, kLast);
+    Block b(read_srinfo_last(fd));
+    close(fd);
+    return b;
 }
 
 TEST_F(SrinfoTest, HandBackHoldsTheLastFileTextAtDataStart) {
     make_parent();
     DriverStandIn s;
     s.store_srinfo(3);
-    char path[kSrinfoPathLen];
-    int fd = open_srinfo_last(path);
-    ASSERT_GE(fd, 0);
-    EXPECT_STREQ(path, kLast);
-    Block b(read_srinfo_last(fd));
-    close(fd);
+    Block b = hand_back();
     ASSERT_NE(b, nullptr);
     EXPECT_EQ(b->len, kCloseAt + 1);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(b->data), b->len),
@@ -506,23 +484,29 @@ TEST_F(SrinfoTest, HandBackHoldsTheLastFileTextAtDataStart) {
     // A last file longer than the block fills the room and no more.
     std::string big(5000, 'q');
     std::ofstream(kLast, std::ios::binary | std::ios::trunc) << big;
-    fd = open_srinfo_last(path);
-    ASSERT_GE(fd, 0);
-    Block full(read_srinfo_last(fd));
-    close(fd);
+    Block full = hand_back();
     ASSERT_NE(full, nullptr);
     EXPECT_EQ(full->len, 4092u);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(full->data), 4092), big.substr(0, 4092));
 }
 
 TEST_F(SrinfoTest, FailedHandBackKeepsTheLastFile) {
-    make_dirs();
-    // An empty last file has nothing to hand back.
-    std::ofstream(kLast) << "";
+    const std::string opening =
+        info("open_srinfo_last", std::string("open last_sr_info file - ") + kLast);
     SrinfoTarn s;
+    s.restore_srinfo(3);  // no block waits
+    EXPECT_EQ(kmsg(),
+              opening +
+                  err("No such file or directory", "open_srinfo_last", "last_sr_info open fail") +
+                  info("restore_srinfo", "sr_info_last open fail(-1)"));
+
+    // An empty last file has nothing to hand back. The read gives 0 bytes
+    // without an error of its own: the line is an error line with whatever
+    // errno holds.
+    make_dirs();
+    std::ofstream(kLast) << "";
+    clear_logs();
     s.restore_srinfo(3);
-    // The read gives 0 bytes without an error of its own: the line is an
-    // error line with whatever errno holds.
     EXPECT_TRUE(std::regex_search(
         kmsg(),
         std::regex(
@@ -537,60 +521,9 @@ TEST_F(SrinfoTest, FailedHandBackKeepsTheLastFile) {
     clear_logs();
     s.restore_srinfo(fd);
     close(fd);
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: open_srinfo_last: open last_sr_info file - "
-              "/data/vendor/log/rix/err/last_sr_info_umts\n"
-              "<3>cpif: rix: (ERR! Inappropriate ioctl for device) restore_srinfo: ioctl fail - "
-              "Set srinfo(-1)\n");
-    EXPECT_EQ(file_text(kLast), "//JVER x}");
-}
-
-}  // namespace
-
-namespace {
-
-// The phone's group database, with the group "log", over the host's for one
-// test (the tests run in a mount namespace of their own).
-class WithLogGroup {
-  public:
-    explicit WithLogGroup(const std::string& dir) {
-        const std::string file = dir + "/group";
-        std::ofstream(file) << "root:x:0:\nlog:x:1007:\n";
-        mounted_ = mount(file.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) == 0;
-    }
-    ~WithLogGroup() {
-        if (mounted_) {
-            umount2("/etc/group", MNT_DETACH);
-        }
-    }
-    bool mounted() const { return mounted_; }
-
-  private:
-    bool mounted_ = false;
-};
-
-gid_t gid_of(const char* path) {
-    struct stat st;
-    EXPECT_EQ(stat(path, &st), 0) << path;
-    return st.st_gid;
-}
-
-TEST_F(SrinfoTest, HexLogBelongsToGroupLogAlsoAfterRotation) {
-    WithLogGroup group(dir_);
-    ASSERT_TRUE(group.mounted());
-    make_parent();
-    DriverStandIn s;
-    s.store_srinfo(3);
-    EXPECT_EQ(gid_of(kHex), 1007u);
-    EXPECT_EQ(gid_of(kLast), 0u);  // the last file is not the log group's
-
-    std::filesystem::remove(kLast);
-    ASSERT_EQ(chown(kHex, 0, 0), 0);
-    std::filesystem::resize_file(kHex, 65537);
-    s.store_srinfo(3);
-    EXPECT_TRUE(exists(kBak));
-    EXPECT_EQ(gid_of(kHex), 1007u);
-    EXPECT_EQ(mode_of(kHex), 0664u);
+    EXPECT_EQ(kmsg(), opening + err("Inappropriate ioctl for device", "restore_srinfo",
+                                    "ioctl fail - Set srinfo(-1)"));
+    EXPECT_EQ(read_file(kLast), "//JVER x}");
 }
 
 }  // namespace
