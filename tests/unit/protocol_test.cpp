@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -176,7 +175,7 @@ TEST_F(ProtocolTest, AnyOperationOtherThanBootSelectsTheDumpNode) {
     EXPECT_TRUE(cp_received(boot_[1]).empty());
 }
 
-TEST_F(ProtocolTest, ZeroRequestOnlyWaitsAndZeroExpectedOnlySends) {
+TEST_F(ProtocolTest, ZeroWordsAreSkippedAndTheAnswerIsOneWholeWord) {
     // Request 0: nothing written, the answer is still awaited and checked.
     cp_send(dump_[1], le(0xAD00));
     EXPECT_EQ(proto_->std_udl_req_resp(OPERATION_DUMP, 0, 0xAD00), 0);
@@ -196,9 +195,8 @@ TEST_F(ProtocolTest, ZeroRequestOnlyWaitsAndZeroExpectedOnlySends) {
     EXPECT_EQ(proto_->std_udl_req_resp(OPERATION_DUMP, 0, 0), 0);
     EXPECT_TRUE(cp_received(dump_[1]).empty());
     EXPECT_EQ(kmsg(), "");
-}
 
-TEST_F(ProtocolTest, AnswerIsOneWholeWordWithMissingBytesAsZeroAndEndOfFileAsZero) {
+    // A short answer is compared with its missing bytes as zero.
     cp_send(dump_[1], {0x00, 0xAD});
     EXPECT_EQ(proto_->std_udl_req_resp(OPERATION_DUMP, 0x9D00, 0xAD00), 0);
     // No mask on the upper half.
@@ -216,7 +214,9 @@ TEST_F(ProtocolTest, AnswerIsOneWholeWordWithMissingBytesAsZeroAndEndOfFileAsZer
                             failed(0x9D0D, 0xAD0D)}));
 }
 
-TEST_F(ProtocolTest, FailedPollReportsTheEventsThatCameBack) {
+void on_alarm(int) {}
+
+TEST_F(ProtocolTest, FailedPollReportsTheEventsThatCameBackOrTheInterruption) {
     Container::getStdBoot()->fd = pipe_end(true);
     EXPECT_EQ(proto_->std_udl_req_resp(OPERATION_BOOT, 0, 0xA00D), -5);
     EXPECT_EQ(kmsg(), klog({"std_udl_poll: ERR! poll fail (events 0x1 != revents 0x10)",
@@ -249,11 +249,8 @@ TEST_F(ProtocolTest, FailedPollReportsTheEventsThatCameBack) {
     clear_logs();
     EXPECT_EQ(proto_->std_udl_poll(OPERATION_BOOT, POLLIN, 1000), 0);
     EXPECT_EQ(kmsg(), "");
-}
 
-void on_alarm(int) {}
-
-TEST_F(ProtocolTest, InterruptedPollIsAnErrorLine) {
+    // An interrupted poll is an error line.
     struct sigaction sa = {};
     struct sigaction old = {};
     sa.sa_handler = on_alarm;  // no SA_RESTART; poll is never restarted anyway
@@ -285,7 +282,7 @@ TEST_F(ProtocolTest, FailedWriteAndReadPassTheCallResultUp) {
     EXPECT_EQ(read_file("/data/node"), std::string("\x0D\x90\x00\x00", 4));
 }
 
-TEST_F(ProtocolTest, FrameReadReturnsOneMessageBoundedByTheBuffer) {
+TEST_F(ProtocolTest, FrameReadReturnsOneMessageBoundedByTheBufferAndReportsFailures) {
     Bytes frame(20);
     for (size_t i = 0; i < frame.size(); ++i) {
         frame[i] = static_cast<uint8_t>(i + 1);
@@ -305,25 +302,23 @@ TEST_F(ProtocolTest, FrameReadReturnsOneMessageBoundedByTheBuffer) {
     ASSERT_EQ(shutdown(dump_[1], SHUT_WR), 0);
     EXPECT_EQ(proto_->std_ul_rx_frame(small, 10), 0);
     EXPECT_EQ(kmsg(), "");
-}
 
-TEST_F(ProtocolTest, FrameReadFailuresAreErrorsCopiedToTheDumpLog) {
+    // Failures are errors copied to the dump log.
     const int dump_log = memfd_create("dumplog", MFD_CLOEXEC);
     ASSERT_GT(dump_log, 0);
     extra_.push_back(dump_log);
     Container::getStdDump()->log_fd = dump_log;
-    uint8_t buf[16];
 
     Container::getStdDump()->fd = pipe_end(true);
     errno = 0;
-    EXPECT_EQ(proto_->std_ul_rx_frame(buf, sizeof(buf)), -5);
+    EXPECT_EQ(proto_->std_ul_rx_frame(small, sizeof(small)), -5);
     const std::string poll_err =
         std::string("(ERR! ") + strerror(0) + ") std_ul_rx_frame: ERR! DUMP std_udl_poll fail\n";
     EXPECT_EQ(kmsg(), klog({"std_udl_poll: ERR! poll fail (events 0x1 != revents 0x10)"}) +
                           "<3>cpif: rix: " + poll_err);
 
     Container::getStdDump()->fd = write_only();
-    EXPECT_EQ(proto_->std_ul_rx_frame(buf, sizeof(buf)), -1);
+    EXPECT_EQ(proto_->std_ul_rx_frame(small, sizeof(small)), -1);
     const std::string read_err =
         "(ERR! Bad file descriptor) std_ul_rx_frame: ERR! DUMP read fail\n";
     EXPECT_NE(kmsg().find("<3>cpif: rix: " + read_err), std::string::npos);
