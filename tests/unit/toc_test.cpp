@@ -141,19 +141,22 @@ class TocTest : public RixTest {
                   std::vector<int>({-1, -1, -1, -1, 0, descriptors_before}))
             << "fd, bin_fd, nv_fd, toc_idx_toc, toc[0], open descriptors";
     }
-    // One character per stage slot: '1' when anything was built into it.
+    // One character per stage slot: whether anything was built into it, or
+    // its xmit_once.
     std::string built() const {
-        std::string out;
-        const std_dload_control empty = {};
-        for (const std_dload_control& s : b_->stage) {
-            out += memcmp(&s, &empty, sizeof(s)) != 0 ? '1' : '0';
-        }
-        return out;
+        return per_slot([](const std_dload_control& s) {
+            const std_dload_control empty = {};
+            return memcmp(&s, &empty, sizeof(s)) != 0 ? '1' : '0';
+        });
     }
     std::string xmit_once() const {
+        return per_slot([](const std_dload_control& s) { return char('0' + s.xmit_once); });
+    }
+    template <typename F>
+    std::string per_slot(F f) const {
         std::string out;
         for (const std_dload_control& s : b_->stage) {
-            out += std::to_string(s.xmit_once);
+            out += f(s);
         }
         return out;
     }
@@ -226,6 +229,11 @@ TEST_F(TocTest, LoadedRangeFollowsCountModeAndNvPath) {
         EXPECT_EQ(b_->first_stage, first);
         EXPECT_EQ(b_->last_stage, last);
         EXPECT_EQ(built(), slots);
+        for (size_t i = 0; i < strlen(slots); i++) {
+            if (slots[i] == '1') {
+                EXPECT_EQ(b_->stage[i].b_size, parts[i].size) << "slot " << i;
+            }
+        }
         if (nv_open) {
             EXPECT_TRUE(same_file(b_->nv_fd, kNvPath));
             EXPECT_EQ(std::filesystem::file_size(kNvPath), 0x100u);
@@ -385,15 +393,22 @@ TEST_F(TocTest, SixteenEntriesNeverReachPastTheStageTable) {
         EXPECT_FALSE(contains("stage=13"));
         std::string names;
         const std::regex line(
-            R"(<6>cpif: rix: prepare_boot_args: ERR! TOC\[(\d+)\]\.name = P(\d+) has no stage slot, not loaded\n)");
+            R"(<6>cpif: rix: prepare_boot_args: ERR! TOC\[(\d+)\]\.name = (\S+) has no stage slot, not loaded\n)");
         const std::string k = kmsg();
-        for (std::sregex_iterator m(k.begin(), k.end(), line), end; m != end; ++m) {
-            EXPECT_EQ((*m)[1], (*m)[2]);
-            names += (names.empty() ? "P" : " P") + (*m)[2].str();
+        size_t lines = 0;
+        for (std::sregex_iterator m(k.begin(), k.end(), line), end; m != end; ++m, ++lines) {
+            names += (names.empty() ? "" : " ") + (*m)[1].str() + ":" + (*m)[2].str();
         }
+        // Every such line has the form above.
+        size_t mentions = 0;
+        for (size_t at = k.find("has no stage slot"); at != std::string::npos;
+             at = k.find("has no stage slot", at + 1)) {
+            mentions++;
+        }
+        EXPECT_EQ(mentions, lines);
         EXPECT_EQ(names, dropped);
     };
-    run(sixteen_parts(), 16, "P13 P14 P15");
+    run(sixteen_parts(), 16, "13:P13 14:P14 15:P15");
     EXPECT_EQ(fields(b_->stage[12]),
               std::vector<uint32_t>(
                   {12, static_cast<uint32_t>(b_->bin_fd), 12 * 0x1000, 12 * 0x10000, 0x10, 12, 0}));
@@ -403,7 +418,7 @@ TEST_F(TocTest, SixteenEntriesNeverReachPastTheStageTable) {
     // An OFFSET at 14 ends the image; a count of 13 fits the table exactly.
     std::vector<Entry> parts = sixteen_parts();
     parts[14].name = "OFFSET";
-    run(parts, 16, "P13");
+    run(parts, 16, "13:P13");
     run(sixteen_parts(), 13, "");
 
     // Built directly with a range past the table, the list still stops.
@@ -451,19 +466,11 @@ TEST_F(TocTest, NamesAreMatchedWholeAndTheLastOneWins) {
     EXPECT_EQ(xmit_once(), "0000000000000");
 }
 
-// A valid NV image of 4 data bytes 01 02 03 04: sum 0x0201 + 0x0403.
-std::string valid_nv() {
-    std::string nv(16, '\0');
-    put32(nv, 8, 4);
-    nv += std::string("\x01\x02\x03\x04\x04\x06", 6);
-    return nv;
-}
-
 TEST_F(TocTest, NvChecksumFallsBackToTheTempFile) {
     rix_args.options |= BOPT_NV_CHECKSUM;
-
-    // A valid file is kept.
-    write_file(kNvPath, valid_nv());
+    // Valid: TotalSize 4, data 01 02 03 04, check value 0x0201 + 0x0403.
+    std::string nv("\0\0\0\0\0\0\0\0\x04\0\0\0\0\0\0\0\x01\x02\x03\x04\x04\x06", 22);
+    write_file(kNvPath, nv);
     ASSERT_TRUE(boot(standard_parts(), 6));
     EXPECT_TRUE(same_file(b_->nv_fd, kNvPath));
     EXPECT_TRUE(contains("CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : verified"));
@@ -472,9 +479,8 @@ TEST_F(TocTest, NvChecksumFallsBackToTheTempFile) {
 
     // A corrupted file is replaced by the temp file, created when missing;
     // the first descriptor is closed.
-    std::string bad = valid_nv();
-    bad[20] = 0x05;
-    write_file(kNvPath, bad);
+    nv[20] = 0x05;
+    write_file(kNvPath, nv);
     int before = open_descriptors();
     ASSERT_TRUE(boot(standard_parts(), 6));
     EXPECT_TRUE(contains("checksum : corrupted"));
