@@ -127,6 +127,14 @@ class KlogCaptureTest : public RixTest {
         return "<6>cpif: rix: _save_logs: " + path + "\n";
     }
 
+    // One capture file of its size, its path reported right after `line`.
+    void expect_one_capture(const std::string& name, uintmax_t size, const std::string& line) {
+        const auto files = captures(name);
+        ASSERT_EQ(files.size(), 1u);
+        EXPECT_EQ(fs::file_size(files[0]), size);
+        EXPECT_NE(kmsg().find(line + path_line(files[0])), std::string::npos) << kmsg();
+    }
+
     mode_t old_umask_ = 0;
 };
 
@@ -256,12 +264,7 @@ TEST_F(KlogCaptureTest, RefusedRingBufferReadLeavesAnEmptyFile) {
         }
     }).join();
     ASSERT_TRUE(dropped);
-    const auto files = captures("cpcrash_umts_klog_after");
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(fs::file_size(files[0]), 0u);
-    EXPECT_NE(kmsg().find("<6>cpif: rix: dmesg_to_file: klogctl fail\n" + path_line(files[0])),
-              std::string::npos)
-        << kmsg();
+    expect_one_capture("cpcrash_umts_klog_after", 0, "<6>cpif: rix: dmesg_to_file: klogctl fail\n");
 
     // The main thread kept the right and still reads it.
     ASSERT_GT(ring_size(), 0);
@@ -287,13 +290,8 @@ TEST_F(KlogCaptureTest, FailedWriteKeepsWhatWasWritten) {
     signal(SIGXFSZ, old_handler);
 
     // The first write stops short at the limit, the next one fails.
-    const auto files = captures("cpcrash_umts_klog_before");
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(fs::file_size(files[0]), kLimit);
-    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! File too large) dmesg_to_file: write fail\n" +
-                          path_line(files[0])),
-              std::string::npos)
-        << kmsg();
+    expect_one_capture("cpcrash_umts_klog_before", kLimit,
+                       "<3>cpif: rix: (ERR! File too large) dmesg_to_file: write fail\n");
 }
 
 TEST_F(KlogCaptureTest, NoCaptureWithoutFreeSpaceOrLogDirectory) {

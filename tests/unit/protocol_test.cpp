@@ -129,7 +129,7 @@ class ProtocolTest : public RixTest {
 TEST_F(ProtocolTest, BootHandshakeWritesBothWordsAndStopsAtTheFirstWrongAnswer) {
     auto handshake = [&](const std::vector<uint32_t>& answers, int ret, const Msgs& sent,
                          const std::string& log) {
-        SCOPED_TRACE("answers ending in " + std::to_string(answers.back()));
+        SCOPED_TRACE(::testing::Message() << "answers ending in 0x" << std::hex << answers.back());
         clear_logs();
         for (uint32_t a : answers) {
             cp_send(boot_[1], le(a));
