@@ -141,22 +141,13 @@ class TocTest : public RixTest {
                   std::vector<int>({-1, -1, -1, -1, 0, descriptors_before}))
             << "fd, bin_fd, nv_fd, toc_idx_toc, toc[0], open descriptors";
     }
-    // One character per stage slot: whether anything was built into it, or
-    // its xmit_once.
+    // One character per stage slot: '0' when nothing was built into it, '2'
+    // when it is sent once per phone start, '1' otherwise.
     std::string built() const {
-        return per_slot([](const std_dload_control& s) {
-            const std_dload_control empty = {};
-            return memcmp(&s, &empty, sizeof(s)) != 0 ? '1' : '0';
-        });
-    }
-    std::string xmit_once() const {
-        return per_slot([](const std_dload_control& s) { return char('0' + s.xmit_once); });
-    }
-    template <typename F>
-    std::string per_slot(F f) const {
         std::string out;
+        const std_dload_control empty = {};
         for (const std_dload_control& s : b_->stage) {
-            out += f(s);
+            out += memcmp(&s, &empty, sizeof(s)) == 0 ? '0' : s.xmit_once == 1 ? '2' : '1';
         }
         return out;
     }
@@ -230,7 +221,7 @@ TEST_F(TocTest, LoadedRangeFollowsCountModeAndNvPath) {
         EXPECT_EQ(b_->last_stage, last);
         EXPECT_EQ(built(), slots);
         for (size_t i = 0; i < strlen(slots); i++) {
-            if (slots[i] == '1') {
+            if (slots[i] != '0') {
                 EXPECT_EQ(b_->stage[i].b_size, parts[i].size) << "slot " << i;
             }
         }
@@ -244,14 +235,14 @@ TEST_F(TocTest, LoadedRangeFollowsCountModeAndNvPath) {
     };
     const cp_boot_mode normal = CP_BOOT_MODE_NORMAL, dump = CP_BOOT_MODE_DUMP;
     // OFFSET ends the image: its slot stays empty.
-    range("standard", standard_parts(), 6, normal, 0, 5, "1111100000000", true);
+    range("standard", standard_parts(), 6, normal, 0, 5, "1112100000000", true);
     EXPECT_FALSE(contains("stage=5"));
     range("count 3: NV outside the range", standard_parts(), 3, normal, 0, 2, "1110000000000",
           true);
     // Count 1 skips the TOC and needs no verification information for it.
     std::vector<Entry> parts = standard_parts();
     parts[0].m_off = 0;
-    range("count 1", parts, 1, normal, 1, 3, "0111000000000", true);
+    range("count 1", parts, 1, normal, 1, 3, "0112000000000", true);
     EXPECT_FALSE(contains("stage=0,"));
     EXPECT_TRUE(contains("stage=3, name:VSS"));
     range("count 1, dump", parts, 1, dump, 1, 1, "0100000000000", false);
@@ -273,7 +264,7 @@ TEST_F(TocTest, LoadedRangeFollowsCountModeAndNvPath) {
     parts.push_back({"P6", 0x9000, 0x900000, 0x10});
     parts.push_back({"OFFSET"});
     parts.push_back({"P8", 0xA000, 0xA00000, 0x10});
-    range("OFFSET ends the stage list", parts, 9, normal, 0, 8, "1111111000000", true);
+    range("OFFSET ends the stage list", parts, 9, normal, 0, 8, "1112111000000", true);
     EXPECT_TRUE(contains("TOC[8].name = P8"));
     EXPECT_FALSE(contains("name:P8"));
     EXPECT_FALSE(contains("name:OFFSET"));
@@ -450,12 +441,12 @@ TEST_F(TocTest, NamesAreMatchedWholeAndTheLastOneWins) {
               std::vector<int>({1, 5, 4, 6, 7, 10}));
     EXPECT_EQ(b_->last_stage, 10u);
     // Only the entry that holds the index is sent once.
-    EXPECT_EQ(xmit_once(), "0000010000000");
+    EXPECT_EQ(built(), "1111121111000");
     // NV_NORM and NV_PROT are never loaded; unknown names load like BOOT.
     const uint32_t bin = b_->bin_fd;
     EXPECT_EQ(std::vector<uint32_t>({b_->stage[6].fd, b_->stage[7].fd, b_->stage[8].fd,
-                                     b_->stage[9].fd, b_->stage[9].m_off, b_->stage[10].b_size}),
-              std::vector<uint32_t>({0xFFFFFFFF, 0xFFFFFFFF, bin, bin, 0xD00000, 0}));
+                                     b_->stage[9].fd, b_->stage[9].m_off}),
+              std::vector<uint32_t>({0xFFFFFFFF, 0xFFFFFFFF, bin, bin, 0xD00000}));
     // A name that fills all 12 bytes is printed with exactly those bytes.
     EXPECT_TRUE(contains("TOC[8].name = BOOTLOADER12, b_off=0x0000c000"));
     EXPECT_TRUE(contains("stage=8, name:BOOTLOADER12 b_off=0x0000c000"));
@@ -463,7 +454,7 @@ TEST_F(TocTest, NamesAreMatchedWholeAndTheLastOneWins) {
     // With the VSS option the part goes at every boot.
     rix_args.options |= BOPT_REINIT_VSS;
     ASSERT_TRUE(boot(parts, 11));
-    EXPECT_EQ(xmit_once(), "0000000000000");
+    EXPECT_EQ(built(), "1111111111000");
 }
 
 TEST_F(TocTest, NvChecksumFallsBackToTheTempFile) {
