@@ -84,7 +84,7 @@ class NvTest : public RixTest {
     mode_t old_mask_ = 0;
 };
 
-TEST_F(NvTest, ByteToHexIsBoundedByDestinationAndSource) {
+TEST_F(NvTest, TextHelpersStayWithinTheirBounds) {
     char src[512];
     for (int i = 0; i < 512; i++) {
         src[i] = static_cast<char>(i);
@@ -111,10 +111,8 @@ TEST_F(NvTest, ByteToHexIsBoundedByDestinationAndSource) {
     Util::byteToHex(dst, sizeof(dst), nullptr, 3);
     Util::byteToHex(nullptr, sizeof(dst), hi, 3);
     EXPECT_EQ(dst[0], 'x');
-}
 
-TEST_F(NvTest, ToUpperCaseWritesNoTerminator) {
-    char dst[8];
+    // Upper case writes no terminator.
     memset(dst, 'x', sizeof(dst));
     char umts[] = "umts", mixed[] = "aZ`{-z9";
     Util::toUpperCase(umts, dst);
@@ -197,35 +195,6 @@ TEST_F(NvTest, CheckValueSumsWordsAndRefusesWhatDoesNotFit) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(NvTest, ExistingFileIsOpenedReadOnlyAndDumpModeOpensNothing) {
-    char path[] = "/mnt/vendor/efs/nv_data.bin";
-    int fd = 7;
-    EXPECT_TRUE(Util::getNvFd(CP_BOOT_MODE_DUMP, path, 256, &fd));
-    EXPECT_EQ(fd, -1);
-    EXPECT_FALSE(std::filesystem::exists(path));
-    char empty[] = "";
-    fd = 7;
-    EXPECT_TRUE(Util::getNvFd(CP_BOOT_MODE_NORMAL, empty, 256, &fd));
-    EXPECT_EQ(fd, -1);
-    EXPECT_EQ(kmsg(), "");
-
-    write_file(path, "nv");
-    ASSERT_TRUE(Util::getNvFd(CP_BOOT_MODE_NORMAL, path, 256, &fd));
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
-    EXPECT_EQ(kmsg(), info("getNvFd", "NV(/mnt/vendor/efs/nv_data.bin) opened (fd " +
-                                          std::to_string(fd) + ")\n"));
-    EXPECT_EQ(std::filesystem::file_size(path), 2u);
-    close(fd);
-
-    // Any failure but a missing file is an error, and nothing is created.
-    clear_logs();
-    char below_file[] = "/mnt/vendor/efs/nv_data.bin/x";
-    EXPECT_FALSE(Util::getNvFd(CP_BOOT_MODE_NORMAL, below_file, 256, &fd));
-    EXPECT_EQ(kmsg(),
-              err("Not a directory", "getNvFd", "NV(" + std::string(below_file) + ") open fail"));
-}
-
 // The log lines of a creation up to its end, and of its failure.
 std::string creating(const std::string& path, int size) {
     return info("getNvFd", "No NV(" + path + ") file\n") +
@@ -237,17 +206,25 @@ std::string failed(const std::string& path, int size) {
                 "ERR! create_empty_nv(" + path + ", " + std::to_string(size) + ") fail\n");
 }
 
-TEST_F(NvTest, MissingFileIsCreatedErased) {
+TEST_F(NvTest, MissingFileIsCreatedErasedAndOpenedReadOnly) {
     char path[] = "/mnt/vendor/efs/nv_data.bin";
-    int fd = -1;
+    const std::string nv = std::string("NV(") + path + ")";
+    // Dump mode and an empty path open nothing.
+    int fd = 7;
+    EXPECT_TRUE(Util::getNvFd(CP_BOOT_MODE_DUMP, path, 256, &fd));
+    EXPECT_EQ(fd, -1);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    char empty[] = "";
+    fd = 7;
+    EXPECT_TRUE(Util::getNvFd(CP_BOOT_MODE_NORMAL, empty, 256, &fd));
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(kmsg(), "");
+
     ASSERT_TRUE(Util::getNvFd(CP_BOOT_MODE_NORMAL, path, 301, &fd));
     ASSERT_GE(fd, 0);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
-    EXPECT_EQ(kmsg(),
-              creating(path, 301) +
-                  info("create_empty_nv", "NV(" + std::string(path) + ") saved 301 bytes\n") +
-                  info("getNvFd",
-                       "NV(" + std::string(path) + ") opened (fd " + std::to_string(fd) + ")\n"));
+    EXPECT_EQ(kmsg(), creating(path, 301) + info("create_empty_nv", nv + " saved 301 bytes\n") +
+                          info("getNvFd", nv + " opened (fd " + std::to_string(fd) + ")\n"));
     close(fd);
     struct stat st;
     ASSERT_EQ(stat(path, &st), 0);
@@ -255,6 +232,22 @@ TEST_F(NvTest, MissingFileIsCreatedErased) {
     EXPECT_EQ(read_file(path), std::string(301, '\xff'));
     // What was created passes the check as the default file.
     EXPECT_TRUE(CsumCheckForFile(path));
+
+    // An existing file is opened read-only as it is, whatever the size asked.
+    clear_logs();
+    ASSERT_TRUE(Util::getNvFd(CP_BOOT_MODE_NORMAL, path, 256, &fd));
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
+    EXPECT_EQ(kmsg(), info("getNvFd", nv + " opened (fd " + std::to_string(fd) + ")\n"));
+    EXPECT_EQ(std::filesystem::file_size(path), 301u);
+    close(fd);
+
+    // Any failure but a missing file is an error, and nothing is created.
+    clear_logs();
+    char below_file[] = "/mnt/vendor/efs/nv_data.bin/x";
+    EXPECT_FALSE(Util::getNvFd(CP_BOOT_MODE_NORMAL, below_file, 256, &fd));
+    EXPECT_EQ(kmsg(),
+              err("Not a directory", "getNvFd", "NV(" + std::string(below_file) + ") open fail"));
 }
 
 // Peak resident set of this process in KiB (VmHWM).

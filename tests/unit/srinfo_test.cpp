@@ -201,7 +201,7 @@ TEST_F(SrinfoTest, HexRowsShowWordsAndPrintableBytes) {
     EXPECT_EQ(row_at(0x9af0), "9af0:00000000 00000000 00000000 00000000 ................\n");
 }
 
-TEST_F(SrinfoTest, HexEntryHasTimeRowsAndEmptyLine) {
+TEST_F(SrinfoTest, HexEntryHasTimeRowsAndEmptyLineAndIsFlushed) {
     Block b = new_block();
     for (int i = 0; i < 20; i++) {
         b->data[i] = static_cast<uint8_t>(0x41 + i);
@@ -226,14 +226,12 @@ TEST_F(SrinfoTest, HexEntryHasTimeRowsAndEmptyLine) {
                   "0ff0:7a7a7a7a 7a7a7a7a 7a7a7a7a 00000000 zzzzzzzzzzzz....\n\n")
             << len;
     }
-}
 
-TEST_F(SrinfoTest, FailedFlushOfTheHexLogIsReported) {
+    // A pipe cannot be flushed to storage.
     int p[2];
-    ASSERT_EQ(pipe(p), 0);  // a pipe cannot be flushed to storage
-    Block b = driver_block();
-    SrinfoTarn s;
-    EXPECT_EQ(s.write_srinfo_file(p[1], reinterpret_cast<char*>(b->data), 16), -1);
+    ASSERT_EQ(pipe(p), 0);
+    clear_logs();
+    EXPECT_EQ(SrinfoTarn().write_srinfo_file(p[1], reinterpret_cast<char*>(b->data), 16), -1);
     EXPECT_EQ(kmsg(),
               info("write_srinfo_file", "store to hex ascii text size=(0x10)") +
                   err("Invalid argument", "write_srinfo_file", "ERR! fsync(srinfo_hex) fail"));
