@@ -124,7 +124,6 @@ class DumpReceptionTest : public RixTest {
         spy_->calls = 0;
     }
 
-    // The record's files, beside the fixture's own log directory.
     std::string path(const std::string& name) const { return dir_ + "/cpcrash_" + name; }
     std::string file(const std::string& name) const { return read_file(path(name)); }
 

@@ -40,7 +40,6 @@ std::string path_at(const std::string& name, time_t t) {
     return kDir + "/" + name + "_" + stamp + ".log";
 }
 
-// Capture files of one name, as the log directory holds them now.
 std::vector<std::string> captures(const std::string& name) {
     std::vector<std::string> out;
     std::error_code ec;

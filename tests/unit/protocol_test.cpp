@@ -88,12 +88,10 @@ class ProtocolTest : public RixTest {
         RixTest::TearDown();
     }
 
-    // The CP side queues one message.
     static void cp_send(int cp, const Bytes& msg) {
         ASSERT_EQ(send(cp, msg.data(), msg.size(), 0), static_cast<ssize_t>(msg.size()));
     }
 
-    // Every message the AP wrote to the CP side, in order.
     static Msgs cp_received(int cp) {
         Msgs out;
         uint8_t buf[64];
