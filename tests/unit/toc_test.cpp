@@ -274,7 +274,7 @@ TEST_F(TocTest, LoadedRangeFollowsCountModeAndNvPath) {
     range("no NV path, count 1", standard_parts(), 1, normal, 1, 2, "0110000000000", false);
 }
 
-TEST_F(TocTest, InvalidTocIsRefusedAndEverythingClosed) {
+TEST_F(TocTest, BadTocOrUnreadablePartitionIsRefusedAndEverythingClosed) {
     const int before = open_descriptors();
     std::vector<Entry> boot_first = standard_parts(), no_info = standard_parts(),
                        no_nv = standard_parts(), nv_size_0 = standard_parts();
@@ -326,6 +326,37 @@ TEST_F(TocTest, InvalidTocIsRefusedAndEverythingClosed) {
             EXPECT_EQ(contains("getNvFd: NV(/mnt/vendor/efs/nv_data.bin) opened"), c.nv_file == 1);
         }
     }
+    // No boot node; no partition; a partition that opens but cannot be read.
+    unlink(kBootNode);
+    clear_logs();
+    expect_refused(before);
+    EXPECT_EQ(kmsg(),
+              "<3>cpif: rix: (ERR! No such file or directory) std_boot_prepare_args: ERR! "
+              "DEV(/data/umts_boot0) open fail\n" +
+                  info("prepare_boot_args", "ERR! std_boot_prepare_args fail"));
+
+    write_file(kBootNode, "");
+    std::filesystem::remove(kPartition);
+    clear_logs();
+    expect_refused(before);
+    EXPECT_TRUE(
+        contains("<3>cpif: rix: (ERR! No such file or directory) std_boot_parse_toc_img: "
+                 "ERR! BIN(/data/modem.bin) open fail\n"));
+    EXPECT_FALSE(contains("std_boot_prepare_args fail"));
+
+    std::filesystem::create_directory(kPartition);
+    clear_logs();
+    expect_refused(before);
+    EXPECT_TRUE(contains(
+        "<3>cpif: rix: (ERR! Is a directory) std_boot_parse_toc_img: ERR! TOC read fail\n"));
+    std::filesystem::remove(kPartition);
+
+    // Top bits alone are TOC verification information: the raw value is tested.
+    no_info[0].m_off = 0xC0000000;
+    ASSERT_TRUE(boot(no_info, 6));
+    EXPECT_EQ(b_->stage[0].m_off, 0u);
+    EXPECT_FALSE(contains("No info"));
+
     // Without an NV path the NV entry is still required.
     rix_args.nv_data_path[0] = '\0';
     write_partition(toc_bytes(nv_size_0, 6));
@@ -338,33 +369,6 @@ TEST_F(TocTest, InvalidTocIsRefusedAndEverythingClosed) {
     bd_->std_boot_init_args();
     ASSERT_TRUE(bd_->std_boot_parse_toc_img(CP_BOOT_MODE_NORMAL, &count));
     EXPECT_EQ(count, 0u);
-}
-
-TEST_F(TocTest, OpenAndReadFailuresAreErrors) {
-    int before = open_descriptors();
-    unlink(kBootNode);
-    expect_refused(before);
-    EXPECT_EQ(kmsg(),
-              "<3>cpif: rix: (ERR! No such file or directory) std_boot_prepare_args: ERR! "
-              "DEV(/data/umts_boot0) open fail\n" +
-                  info("prepare_boot_args", "ERR! std_boot_prepare_args fail"));
-
-    // No partition.
-    write_file(kBootNode, "");
-    clear_logs();
-    expect_refused(before);
-    EXPECT_TRUE(
-        contains("<3>cpif: rix: (ERR! No such file or directory) std_boot_parse_toc_img: "
-                 "ERR! BIN(/data/modem.bin) open fail\n"));
-    EXPECT_FALSE(contains("std_boot_prepare_args fail"));
-
-    // A partition that opens but cannot be read.
-    std::filesystem::create_directory(kPartition);
-    clear_logs();
-    expect_refused(before);
-    EXPECT_TRUE(contains(
-        "<3>cpif: rix: (ERR! Is a directory) std_boot_parse_toc_img: ERR! TOC read fail\n"));
-    std::filesystem::remove(kPartition);
 }
 
 TEST_F(TocTest, SixteenEntriesNeverReachPastTheStageTable) {
@@ -417,14 +421,6 @@ TEST_F(TocTest, SixteenEntriesNeverReachPastTheStageTable) {
     bd_->build_std_dload_control();
     bd_->build_std_dload_control_nv_fd(13, 4);
     EXPECT_EQ(memcmp(d, &pattern, sizeof(pattern)), 0);
-}
-
-TEST_F(TocTest, TopBitsAloneAreTocVerificationInformation) {
-    std::vector<Entry> parts = standard_parts();
-    parts[0].m_off = 0xC0000000;  // the raw value is tested
-    ASSERT_TRUE(boot(parts, 6));
-    EXPECT_EQ(b_->stage[0].m_off, 0u);
-    EXPECT_FALSE(contains("No info"));
 }
 
 TEST_F(TocTest, NamesAreMatchedWholeAndTheLastOneWins) {
