@@ -296,7 +296,18 @@ TEST_F(SrinfoTest, HexLogOpenAndRotationFailures) {
     EXPECT_TRUE(logged("<3>cpif: rix: (ERR! File name too long) open_srinfo_file: open fail"));
 }
 
-TEST_F(SrinfoTest, StoreKeepsTextInLastFileAndAppendsHexEntry) {
+// The block read back from the last file.
+Block hand_back() {
+    char path[kSrinfoPathLen];
+    int fd = open_srinfo_last(path);
+    EXPECT_GE(fd, 0);
+    EXPECT_STREQ(path, kLast);
+    Block b(read_srinfo_last(fd));
+    close(fd);
+    return b;
+}
+
+TEST_F(SrinfoTest, StoreKeepsTextInLastFileAndHexEntryAndHandsTheTextBack) {
     make_parent();
     DriverStandIn s;
     s.store_srinfo(42);
@@ -343,6 +354,22 @@ TEST_F(SrinfoTest, StoreKeepsTextInLastFileAndAppendsHexEntry) {
     EXPECT_EQ(without_time(read_file(kHex)),
               "0000:03020100 07060504 0b0a0908 0f0e0d0c ................\n"
               "0010:564a2f2f 6e205245 7262206f 00006361 //JVER.no.brac..\n\n");
+
+    // The hand-back holds the last file's text at data start.
+    Block b = hand_back();
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(b->len, 14u);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(b->data), b->len), "//JVER no brac");
+    EXPECT_EQ(b->data[b->len], 0);
+    EXPECT_EQ(b->data[4091], 0);
+
+    // A last file longer than the block fills the room and no more.
+    std::string big(5000, 'q');
+    std::ofstream(kLast, std::ios::binary | std::ios::trunc) << big;
+    Block full = hand_back();
+    ASSERT_NE(full, nullptr);
+    EXPECT_EQ(full->len, 4092u);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(full->data), 4092), big.substr(0, 4092));
 }
 
 TEST_F(SrinfoTest, InvalidOrRefusedBlockTouchesNoFile) {
@@ -433,38 +460,6 @@ TEST_F(SrinfoTest, HexLogBelongsToGroupLogAlsoAfterRotation) {
     EXPECT_TRUE(exists(kBak));
     EXPECT_EQ(stat_of(kHex).st_gid, 1007u);
     EXPECT_EQ(mode_of(kHex), 0664u);
-}
-
-// The block read back from the last file.
-Block hand_back() {
-    char path[kSrinfoPathLen];
-    int fd = open_srinfo_last(path);
-    EXPECT_GE(fd, 0);
-    EXPECT_STREQ(path, kLast);
-    Block b(read_srinfo_last(fd));
-    close(fd);
-    return b;
-}
-
-TEST_F(SrinfoTest, HandBackHoldsTheLastFileTextAtDataStart) {
-    make_parent();
-    DriverStandIn s;
-    s.store_srinfo(3);
-    Block b = hand_back();
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(b->len, kCloseAt + 1);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(b->data), b->len),
-              std::string(kText, kCloseAt + 1));
-    EXPECT_EQ(b->data[b->len], 0);
-    EXPECT_EQ(b->data[4091], 0);
-
-    // A last file longer than the block fills the room and no more.
-    std::string big(5000, 'q');
-    std::ofstream(kLast, std::ios::binary | std::ios::trunc) << big;
-    Block full = hand_back();
-    ASSERT_NE(full, nullptr);
-    EXPECT_EQ(full->len, 4092u);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(full->data), 4092), big.substr(0, 4092));
 }
 
 TEST_F(SrinfoTest, FailedHandBackKeepsTheLastFile) {
