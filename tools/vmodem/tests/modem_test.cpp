@@ -285,6 +285,23 @@ TEST_F(ModemTest, FrameMisbehaviour) {
     EXPECT_EQ(get(Node::Dump, &f, sizeof(f)), -EAGAIN);
 }
 
+// A step whose last frame is skipped ends with the frame before it: poll
+// must not report data that no read would deliver.
+TEST_F(ModemTest, SkippedLastFrameLeavesNothingToPoll) {
+    make({"dump_size 50000", "dump_steps 1", "frame_skip 1 4"});
+    boot_dump_loader();
+    open_dump_stage();
+    put(Node::Dump, 0x9D01);
+    static udl::std_ul_frame f;
+    for (uint32_t frame = 1; frame <= 3; ++frame) {
+        ASSERT_EQ(modem_->poll_mask(Node::Dump) & kPollIn, kPollIn) << frame;
+        ASSERT_EQ(get(Node::Dump, &f, sizeof(f)), 16400) << frame;
+        EXPECT_EQ(f.header.curr_frame, frame);
+    }
+    EXPECT_EQ(modem_->poll_mask(Node::Dump) & kPollIn, 0u);
+    EXPECT_EQ(get(Node::Dump, &f, sizeof(f)), -EAGAIN);
+}
+
 TEST_F(ModemTest, InfoMisbehaviour) {
     make({"dump_reason boom", "info_reason_len 600", "info_num_steps 300",
           "info_dump_size_delta 5"});
