@@ -383,7 +383,9 @@ IoctlOutcome Modem::load_image(const void* in, UserMemory& user) {
         return {-EFAULT, 0};
     }
     facts_.image_bytes += img.len;
-    note_bulk(Bulk::Image, img.len);
+    if (img.m_offset >= settings_.image_mark_from && img.m_offset < settings_.image_mark_to) {
+        note_bulk(Bulk::Image, img.len);
+    }
     return {0, 0};
 }
 

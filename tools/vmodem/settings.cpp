@@ -283,6 +283,19 @@ std::string apply_setting(Settings& s, std::string_view line) {
         return set_security(s, rest);
     if (key == "result")
         return set_result(s, rest);
+    if (key == "image_mark_range") {
+        std::vector<int64_t> n;
+        std::string err;
+        if (!ints(rest, 2, 0, INT64_MAX, n, err)) {
+            return err;
+        }
+        if (n[0] >= n[1]) {
+            return "image_mark_range needs FROM < TO";
+        }
+        s.image_mark_from = uint64_t(n[0]);
+        s.image_mark_to = uint64_t(n[1]);
+        return "";
+    }
     if (key == "dump_seed")
         return set_u64(rest, s.dump_seed);
     if (key == "dump_size")

@@ -41,6 +41,12 @@ struct Settings {
     uint32_t region_default_count = 1;
     uint32_t region_chunk = 4096;
 
+    // Measurement: only image chunks loaded into [from, to) of modem memory
+    // count in the image mark (a benchmark times one part, not the stage
+    // switches around it).
+    uint64_t image_mark_from = 0;
+    uint64_t image_mark_to = UINT64_MAX;
+
     // Silent-reset block: the crash-info text that follows the 16-byte header.
     std::string srinfo_text = "{\"JVER\":\"VM1\",\"reason\":\"vmodem silent reset\"}";
 

@@ -371,6 +371,19 @@ TEST_F(ModemTest, BulkMarksCountTransfersPerKind) {
     EXPECT_EQ(control_command(*modem_, "marks_clear"), "ok");
     EXPECT_EQ(control_command(*modem_, "query marks"),
               "ok image=0:0:0:0:-1 frame=0:0:0:0:-1 region=0:0:0:0:-1");
+
+    // A range narrows the image mark to the loads that start inside it.
+    EXPECT_EQ(control_command(*modem_, "set image_mark_range 0x2000 0x2001"), "ok");
+    img.m_offset = 0x1000;
+    ASSERT_EQ(io(Node::Boot, IOCTL_LOAD_CP_IMAGE, &img), 0);
+    img.m_offset = 0x2001;
+    ASSERT_EQ(io(Node::Boot, IOCTL_LOAD_CP_IMAGE, &img), 0);
+    EXPECT_EQ(modem_->mark(Bulk::Image).count, 0u);
+    img.m_offset = 0x2000;
+    ASSERT_EQ(io(Node::Boot, IOCTL_LOAD_CP_IMAGE, &img), 0);
+    EXPECT_EQ(modem_->mark(Bulk::Image).count, 1u);
+    EXPECT_EQ(modem_->mark(Bulk::Image).bytes, 200u);
+    EXPECT_NE(control_command(*modem_, "set image_mark_range 0x3000 0x2000"), "ok");
 }
 
 TEST_F(ModemTest, LogRegionsArriveInChunks) {
