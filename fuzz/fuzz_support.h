@@ -22,6 +22,7 @@
 #include "core/rix.h"
 #include "dump/protocol.h"
 #include "log/log.h"
+#include "vphone/phone_files.h"
 
 namespace fuzz {
 
@@ -101,8 +102,8 @@ inline void enter_sandbox() {
     // The group database of the phone, read from files only: the host's
     // NSS modules (systemd's userdb) cost a dozen path walks per lookup,
     // which made every log file the daemon opens the bulk of a run.
-    bind_text("/data/fuzz/group", "/etc/group", "root:x:0:\nradio:x:1001:\nlog:x:1007:\n");
-    bind_text("/data/fuzz/nsswitch.conf", "/etc/nsswitch.conf", "passwd: files\ngroup: files\n");
+    bind_text("/data/fuzz/group", "/etc/group", vphone::kGroupFile);
+    bind_text("/data/fuzz/nsswitch.conf", "/etc/nsswitch.conf", vphone::kNsswitchFile);
     setenv("RIX_PROPERTY_DIR", "/data/fuzz/props", 1);
     setenv("RIX_LOG_DIR", "/dev/null", 1);
     // RIX_FUZZ_LOG=1 shows the kernel log copy on stderr, to see what a

@@ -93,22 +93,19 @@ size_t srinfo_hex_row(char* out, const uint8_t* data, size_t len, size_t off) {
     if (off < len) {
         memcpy(row, data + off, len - off < sizeof(row) ? len - off : sizeof(row));
     }
-    char text[17];
-    for (size_t i = 0; i < sizeof(row); i++) {
-        text[i] = row[i] >= 0x22 && row[i] <= 0x7D ? static_cast<char>(row[i]) : '.';
-    }
-    text[16] = '\0';
-    // "%04x:%08x %08x %08x %08x %s\n" with the words little-endian, formatted
-    // by hand: a hex log entry is hundreds of rows. The offset stays below
-    // 0x10000, so the row is always kSrinfoRowLen long.
+    // "%04x:%08x %08x %08x %08x %s\n" with the words little-endian and the
+    // printable bytes, formatted by hand: a hex log entry is hundreds of rows.
+    // The offset stays below 0x10000, so the row is always kSrinfoRowLen long.
     char* p = put_hex(out, static_cast<uint32_t>(off), 4);
     *p++ = ':';
     for (size_t w = 0; w < 4; w++) {
         p = put_hex(p, le32(row + 4 * w), 8);
         *p++ = ' ';
     }
-    memcpy(p, text, 16);
-    p[16] = '\n';
+    for (uint8_t b : row) {
+        *p++ = b >= 0x22 && b <= 0x7D ? static_cast<char>(b) : '.';
+    }
+    *p = '\n';
     return kSrinfoRowLen;
 }
 

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "phone_files.h"
+
 namespace fs = std::filesystem;
 
 namespace vphone {
@@ -107,9 +109,9 @@ void build_dev(const Options& o, std::vector<std::string>& created) {
 void build_etc(const std::string& root) {
     const std::string etc = root + "/etc";
     make_dir(etc, 0, 0, 0755);
-    write_text(etc + "/group", "root:x:0:\nradio:x:1001:\nlog:x:1007:\n");
+    write_text(etc + "/group", kGroupFile);
     write_text(etc + "/passwd", "root:x:0:0:root:/:/bin/sh\nradio:x:1001:1001::/:/bin/false\n");
-    write_text(etc + "/nsswitch.conf", "passwd: files\ngroup: files\n");
+    write_text(etc + "/nsswitch.conf", kNsswitchFile);
     for (const char* name : {"/etc/ld.so.cache", "/etc/localtime"}) {
         if (fs::exists(name)) {
             copy_file(name, root + name);
