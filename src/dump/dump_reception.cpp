@@ -126,26 +126,29 @@ int std_ul_recv_info(Protocol& proto, std_dump& d) {
     return 0;
 }
 
-// One frame read, bounded: the header must be there, and its size may claim
-// neither more than a frame holds nor more than the read returned.
-int rx_bounded_frame(Protocol& proto, udl::std_ul_frame& frame) {
+// A frame whose header did not arrive whole is a failed frame read: its
+// command and sequence number would be what an earlier frame left behind.
+int rx_frame(Protocol& proto, udl::std_ul_frame& frame) {
     int ret = proto.std_ul_rx_frame(&frame, sizeof(frame));
-    if (ret < 0) {
-        return ret;
-    }
-    const size_t got = static_cast<size_t>(ret);
-    if (got < udl::kFrameHeaderSize || frame.header.size > udl::kMaxFramePayload ||
-        frame.header.size > got - udl::kFrameHeaderSize) {
+    if (ret >= 0 && static_cast<size_t>(ret) < udl::kFrameHeaderSize) {
         return -14;
     }
     return ret;
 }
 
-// One step: request it, then append its frames to the dump file. The saved
-// count is returned through `saved`; it is counted modulo 2^32 as the CP's
-// sizes are, and a count that reads negative as int32 fails the step.
-int recv_step(Protocol& proto, const std_dump& d, unsigned n, udl::std_ul_frame& frame,
-              uint32_t& saved) {
+// The payload size may claim neither more than a frame holds nor more than
+// the read returned; it is checked only where it matters, before the write.
+bool payload_fits(const udl::ul_frame_header& h, int got) {
+    return h.size <= udl::kMaxFramePayload &&
+           h.size <= static_cast<size_t>(got) - udl::kFrameHeaderSize;
+}
+
+// One step: request it, then append its frames to the dump file. `prior` is
+// what the earlier steps saved. The saved count is returned through `saved`;
+// it is counted modulo 2^32 as the CP's sizes are, and a count that reads
+// negative as int32 fails the step.
+int recv_step(Protocol& proto, const std_dump& d, unsigned n, uint32_t prior,
+              udl::std_ul_frame& frame, uint32_t& saved) {
     memset(&frame, 0, sizeof(frame));
     int ret = proto.std_udl_req_resp(OPERATION_DUMP, udl::dump_step_request(n), 0);
     if (ret < 0) {
@@ -155,7 +158,7 @@ int recv_step(Protocol& proto, const std_dump& d, unsigned n, udl::std_ul_frame&
     saved = 0;
     uint32_t seqn = 1;
     for (;;) {
-        ret = rx_bounded_frame(proto, frame);
+        ret = rx_frame(proto, frame);
         if (ret < 0) {
             LOGI_DUMP_AS(kRecvData, "ERR! [step %d] std_ul_rx_frame fail (ret %d)\n", n, ret);
             return ret;
@@ -179,6 +182,18 @@ int recv_step(Protocol& proto, const std_dump& d, unsigned n, udl::std_ul_frame&
                          static_cast<int>(h.num_frames));
             LOGI_DUMP_AS(kRecvData, "[step %d] command = 0x%X\n", n, h.command);
         }
+        if (!payload_fits(h, ret)) {
+            LOGI_DUMP_AS(kRecvData, "ERR! [step %d] std_ul_rx_frame fail (ret %d)\n", n, -14);
+            return -14;
+        }
+        // A CP that keeps sending frames would otherwise fill the log
+        // partition before the totals are compared at the end.
+        const uint64_t total = uint64_t{prior} + saved + h.size;
+        if (total > d.dump_size) {
+            LOGI_DUMP_AS(kRecvData, "ERR! [step %d] total %llu would pass dump_size %u\n", n,
+                         static_cast<unsigned long long>(total), d.dump_size);
+            return -14;
+        }
         ssize_t w = write(d.dump_fd, frame.payload, h.size);
         if (w < 0) {
             LOGE_DUMP_AS(kRecvData, "ERR! [step %d] seq# %d write fail\n", n,
@@ -201,7 +216,7 @@ int std_ul_recv_data(Protocol& proto, const std_dump& d, uint32_t& total) {
     total = 0;
     for (unsigned n = 1; n <= d.num_steps; ++n) {
         uint32_t saved = 0;
-        int ret = recv_step(proto, d, n, frame, saved);
+        int ret = recv_step(proto, d, n, total, frame, saved);
         if (ret < 0) {
             return ret;
         }

@@ -239,8 +239,8 @@ TEST_F(DumpReceptionTest, MoreThanTwoHundredFiftyFiveStepsRejectTheInfo) {
 
 TEST_F(DumpReceptionTest, EveryFailureBeforeDoneEndsTheReceptionWithItsOwnLines) {
     const std::string data_fail = "std_dump_receive_cp_dump: ERR! std_ul_recv_data fail\n";
-    const std::string frame_fail =
-        kInfoSaved + "std_ul_recv_data: ERR! [step 1] std_ul_rx_frame fail (ret -14)\n" + data_fail;
+    const std::string rx_fail = "std_ul_recv_data: ERR! [step 1] std_ul_rx_frame fail (ret -14)\n";
+    const std::string frame_fail = kInfoSaved + step_lines(1, 1, "") + rx_fail + data_fail;
     // Receives what the CP was told to send, checks, and starts afresh.
     auto fails = [&](const char* what, const std::vector<uint32_t>& words, int reason_calls,
                      const std::string& log, const Bytes& dump = {}) {
@@ -267,7 +267,22 @@ TEST_F(DumpReceptionTest, EveryFailureBeforeDoneEndsTheReceptionWithItsOwnLines)
     opened(100, 1, "x").take().give(frame(0xAD01, 1, 1, 101, Bytes(100, 0xAA)));
     fails("frame size above what the read returned", {0x9D00, 0x9D01}, 1, frame_fail);
     opened(100, 1, "x").take().give(Bytes{0x01, 0xAD, 0, 0, 1, 0, 0, 0, 1, 0});
-    fails("read shorter than a frame header", {0x9D00, 0x9D01}, 1, frame_fail);
+    fails("read shorter than a frame header", {0x9D00, 0x9D01}, 1,
+          kInfoSaved + rx_fail + data_fail);
+    // The command is judged before the size: a frame of another step whose
+    // size also lies is refused for its command.
+    opened(100, 1, "x").take().give(frame(0xAD02, 1, 1, 16385, Bytes(100, 0xAA)));
+    fails("frame of another step with a lying size", {0x9D00, 0x9D01}, 1,
+          kInfoSaved + "std_ul_recv_data: ERR! [step 1] cmd 0xAD02 != exp 0xAD01\n" + data_fail);
+    // Frames past the announced size are not written: step 2's frame would
+    // take the total from 60 to 110.
+    const Bytes first = pattern(1, 1, 60);
+    opened(100, 2, "x").take().give(frame(0xAD01, 1, 1, 60, first));
+    cp_->take().give(frame(0xAD02, 1000, 1, 50, pattern(2, 1, 50)));
+    fails("frames past the announced size", {0x9D00, 0x9D01, 0x9D02}, 1,
+          kInfoSaved + step_lines(1, 1, "60") + step_lines(2, 1000, "") +
+              "std_ul_recv_data: ERR! [step 2] total 110 would pass dump_size 100\n" + data_fail,
+          first);
     const Bytes step1 = pattern(1, 1, 10);
     opened(20, 2, "x").take().give(frame(0xAD01, 1, 1, 10, step1));
     cp_->take().give(frame(0xAD03, 1, 1, 10, pattern(3, 1, 10)));
@@ -279,7 +294,7 @@ TEST_F(DumpReceptionTest, EveryFailureBeforeDoneEndsTheReceptionWithItsOwnLines)
     // Frames 1, 2, 4: frame 4's payload is not written and its whole read
     // stands for what step 1 saved; the counts then do not add up.
     Bytes expect;
-    opened(0, 2, "x").take();
+    opened(2010, 2, "x").take();
     for (uint32_t seq : {1u, 2u, 4u}) {
         Bytes p = pattern(1, seq, 1000);
         cp_->give(frame(0xAD01, 5, seq, 1000, p));
@@ -289,16 +304,17 @@ TEST_F(DumpReceptionTest, EveryFailureBeforeDoneEndsTheReceptionWithItsOwnLines)
     fails("frame out of sequence", {0x9D00, 0x9D01, 0x9D02}, 1,
           kInfoSaved + step_lines(1, 5, "") +
               "std_ul_recv_data: ERR! [step 1] curr_frame 4 != seqn 3\n" + step_lines(2, 1, "10") +
-              "std_dump_receive_cp_dump: ERR! saved 1026 != dump_size 0\n",
+              "std_dump_receive_cp_dump: ERR! saved 1026 != dump_size 2010\n",
           expect);
 }
 
 TEST_F(DumpReceptionTest, OutOfSequenceFrameCountsItsWholeReadAsWhatTheStepSaved) {
     // Frame 3's read (header included) replaces what the step had saved
-    // before; when the CP's count happens to match, the dump completes.
+    // before; when the CP's count happens to match, the dump completes. Its
+    // size field lies too, which does not matter: nothing of it is written.
     const Bytes p1 = pattern(1, 1, 1000);
     opened(1016, 1, "x").take().give(frame(0xAD01, 3, 1, 1000, p1));
-    cp_->give(frame(0xAD01, 3, 3, 1000, pattern(1, 3, 1000))).take().give(le(0xAD0D));
+    cp_->give(frame(0xAD01, 3, 3, 60000, pattern(1, 3, 1000))).take().give(le(0xAD0D));
     EXPECT_EQ(receive(), 0);
     EXPECT_EQ(cp_->words(), (std::vector<uint32_t>{0x9D00, 0x9D01, 0x9D0D}));
     EXPECT_EQ(file("dump"), as_text(p1));
