@@ -69,6 +69,10 @@ class BootDumpQuoll : public BootDump {
     std_dump dump_args_;
 };
 
+// Waits for the NV files to be validated; `pause` sleeps 100 ms. Returns
+// "done" or "TIMEOUT".
+const char* wait_nv_validation(void (*pause)());
+
 // Powers the CP off for a platform shutdown.
 void shutdown();
 

@@ -17,21 +17,9 @@ namespace {
 
 constexpr const char kWakeLockName[] = "vm420";
 
-// Another platform component sets "vendor.rix.rfs_check_done" once the NV
-// files were validated; the boot waits up to 50 x 100 ms for it, then goes on.
-const char* wait_nv_validation() {
-    for (int left = 50;; left--) {
-        char value[PROPERTY_VALUE_MAX] = {};
-        property_get("vendor.rix.rfs_check_done", value, "0");
-        if (value[0] == '1') {
-            return "done";
-        }
-        if (left == 0) {
-            return "TIMEOUT";
-        }
-        timespec t = {0, 100L * 1000 * 1000};
-        nanosleep(&t, nullptr);
-    }
+void pause_100ms() {
+    timespec t = {0, 100L * 1000 * 1000};
+    nanosleep(&t, nullptr);
 }
 
 }  // namespace
@@ -130,11 +118,28 @@ int BootDumpQuoll::boot_prepared() {
     return 0;
 }
 
+// Another platform component sets "vendor.rix.rfs_check_done" once the NV
+// files were validated. The property is read 50 times with a pause after
+// each read; a "1" that comes during the last pause is not seen.
+const char* wait_nv_validation(void (*pause)()) {
+    for (int left = 50;;) {
+        char value[PROPERTY_VALUE_MAX] = {};
+        property_get("vendor.rix.rfs_check_done", value, "0");
+        if (value[0] == '1') {
+            return "done";
+        }
+        pause();
+        if (--left == 0) {
+            return "TIMEOUT";
+        }
+    }
+}
+
 int BootDumpQuoll::boot() {
     LOGI("CP boot device = %s\n", rix_args.boot_node);
     LOGI("CP binary file = %s\n", rix_args.partition_path);
     LOGI("CP NV data file = %s\n", rix_args.nv_data_path);
-    LOGI("NV validation %s\n", wait_nv_validation());
+    LOGI("NV validation %s\n", wait_nv_validation(pause_100ms));
     boot_wake_lock(1);
     dump_try_cnt = 0;
     LOGI("Prepare arguments\n");

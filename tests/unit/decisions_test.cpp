@@ -12,12 +12,14 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "boot/boot_dump.h"
 #include "boot/nv.h"
 #include "core/rix.h"
 #include "log/log.h"
+#include "platform/properties.h"
 #include "rix_test.h"
 
 namespace {
@@ -68,6 +70,27 @@ TEST_F(DecisionsTest, NvFileThatCannotBeReadWholeGetsNoVerdictLine) {
     EXPECT_FALSE(CsumCheckForFile("/data/empty_nv.bin"));
     EXPECT_EQ(kmsg(), "");
     EXPECT_EQ(radio(), "");
+}
+
+// The NV validation wait reads the property 50 times, each read followed by a pause: a "1" set
+// during the 50th pause is too late, one set during the 49th is seen.
+int g_pauses = 0;
+int g_set_at = 0;
+void counting_pause() {
+    if (++g_pauses == g_set_at) {
+        property_set("vendor.rix.rfs_check_done", "1");
+    }
+}
+
+TEST_F(DecisionsTest, NvValidationWaitReadsFiftyTimes) {
+    for (auto [set_at, outcome, pauses] :
+         {std::tuple{49, "done", 49}, {50, "TIMEOUT", 50}, {0, "TIMEOUT", 50}}) {
+        set_prop("vendor.rix.rfs_check_done", "0");
+        g_pauses = 0;
+        g_set_at = set_at;
+        EXPECT_STREQ(wait_nv_validation(counting_pause), outcome) << set_at;
+        EXPECT_EQ(g_pauses, pauses) << set_at;
+    }
 }
 
 // A wake-lock file that cannot be opened (a development system) costs one error line and
