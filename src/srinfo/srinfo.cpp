@@ -45,11 +45,6 @@ srinfo_block* new_block() {
     return static_cast<srinfo_block*>(calloc(1, sizeof(srinfo_block)));
 }
 
-// The header line of a hex-log entry and its rows, up to a full block.
-inline constexpr size_t kHeaderLen = sizeof("[2026-11-16 15:01:02]\n") - 1;
-inline constexpr size_t kMaxRows = (kSrinfoDataLen + 15) / 16;
-inline constexpr size_t kEntryLen = kHeaderLen + kMaxRows * kSrinfoRowLen + 1;
-
 // Writes the low `digits` hex digits of v, lower case; returns the end.
 char* put_hex(char* out, uint32_t v, int digits) {
     static const char kDigits[] = "0123456789abcdef";
@@ -63,13 +58,15 @@ char* put_hex(char* out, uint32_t v, int digits) {
 }  // namespace
 
 bool srinfo_check_block(srinfo_block* block, unsigned int* len) {
-    // The driver's count is trusted no further than the room it was given.
+    // The driver's count is trusted no further than the room it was given:
+    // every later copy, row and scan of the block is bounded by it.
     if (block->len > kSrinfoDataLen) {
         block->len = kSrinfoDataLen;
     }
     *len = block->len;
+    // Only the marker decides: it lies inside the block whatever `len` says.
     const uint32_t marker = le32(block->data + kSrinfoMarkerOffset);
-    if (block->len < kSrinfoMinLen || marker != kSrinfoMarker) {
+    if (marker != kSrinfoMarker) {
         LOGI_AS("alloc_srinfo", "Crash info string was invalid(%x/%x)\n", marker, kSrinfoMarker);
         return false;
     }
@@ -254,9 +251,17 @@ void SrinfoTarn::store_srinfo(int fd) {
     const ssize_t written = write_srinfo_last(last, block);
     close(last);
     if (written < 0 || static_cast<size_t>(written) != srinfo_text_len(block)) {
+        // A partial text must never reach the driver, and a last file left
+        // behind would make every later store skip.
+        unlink(path);
         LOGI("srinfo_last write fail(%d)\n", static_cast<int>(written));
         free(block);
         return;
+    }
+    if (written == 0) {
+        // No text to hand back: an empty last file would only block the
+        // stores to come, as its read-back always fails.
+        unlink(path);
     }
     int log = open_srinfo_file(rix_args.dev_prefix);
     if (log < 0) {
@@ -293,20 +298,25 @@ srinfo_block* SrinfoTarn::alloc_srinfo(unsigned int* len, int fd) {
     return block;
 }
 
+size_t srinfo_hex_entry(char* out, const struct tm& tm, const uint8_t* data, size_t len) {
+    // The time line is as long as the year needs, never more than its room.
+    size_t used = strftime(out, kSrinfoStampMax, "[%Y-%m-%d %H:%M:%S]\n", &tm);
+    for (size_t off = 0; off < len; off += 16) {
+        used += srinfo_hex_row(out + used, data, len, off);
+    }
+    out[used++] = '\n';
+    return used;
+}
+
 int SrinfoTarn::write_srinfo_file(int fd, char* data, unsigned int len) {
     // data is a block's data: nothing past its room is ever read.
     const size_t valid = len < kSrinfoDataLen ? len : kSrinfoDataLen;
-    char entry[kEntryLen];
-    size_t used = 0;
     time_t now = time(nullptr);
     struct tm tm;
     localtime_r(&now, &tm);
-    used += strftime(entry, sizeof(entry), "[%Y-%m-%d %H:%M:%S]\n", &tm);
     LOGI("store to hex ascii text size=(0x%x)\n", len);
-    for (size_t off = 0; off < valid; off += 16) {
-        used += srinfo_hex_row(entry + used, reinterpret_cast<const uint8_t*>(data), valid, off);
-    }
-    entry[used++] = '\n';
+    char entry[kSrinfoEntryMax];
+    const size_t used = srinfo_hex_entry(entry, tm, reinterpret_cast<const uint8_t*>(data), valid);
     // One write for the whole entry keeps it together in the log.
     write_all(fd, entry, used);
     if (fsync(fd) != 0) {

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 #include "boot/cpif.h"
 
@@ -31,8 +32,6 @@ class SrinfoTarn : public Srinfo {
 // Room in the block's data, and where the crash-info text starts in it.
 inline constexpr size_t kSrinfoDataLen = sizeof(srinfo_block::data);
 inline constexpr size_t kSrinfoTextOffset = 16;
-// A block shorter than this cannot hold its marker word.
-inline constexpr size_t kSrinfoMinLen = kSrinfoMarkerOffset + sizeof(uint32_t);
 // The hex log is moved to its backup when it is found larger than this.
 inline constexpr off_t kSrinfoLogLimit = 0x10000;
 inline constexpr size_t kSrinfoPathLen = 64;
@@ -55,6 +54,17 @@ size_t srinfo_text_len(const srinfo_block* block);
 // terminator). Bytes at or past len, which must not exceed the room in
 // data, show as zero.
 size_t srinfo_hex_row(char* out, const uint8_t* data, size_t len, size_t off);
+
+// The longest hex-log entry: a time line of any year, the rows of a full
+// block and the empty line.
+inline constexpr size_t kSrinfoStampMax = 64;
+inline constexpr size_t kSrinfoEntryMax =
+    kSrinfoStampMax + (kSrinfoDataLen + 15) / 16 * kSrinfoRowLen + 1;
+
+// Formats the hex-log entry of the first len bytes of data (at most the room
+// in data) at the local time tm into out (kSrinfoEntryMax bytes, no
+// terminator); returns its length.
+size_t srinfo_hex_entry(char* out, const struct tm& tm, const uint8_t* data, size_t len);
 
 // Builds the last file's path into path (kSrinfoPathLen bytes) and tells
 // whether a block already waits there to be handed back.

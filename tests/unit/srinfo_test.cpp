@@ -13,6 +13,7 @@
 #include <memory>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "core/rix.h"
 #include "rix_test.h"
@@ -139,7 +140,7 @@ class SrinfoTest : public RixTest {
     mode_t old_mask_ = 0;
 };
 
-TEST_F(SrinfoTest, BlockNeedsItsMarkerWithinTheValidBytes) {
+TEST_F(SrinfoTest, BlockIsJudgedByItsMarkerAlone) {
     unsigned int len = 7;
     EXPECT_TRUE(srinfo_check_block(driver_block().get(), &len));
     EXPECT_EQ(len, 16 + strlen(kText));
@@ -150,12 +151,11 @@ TEST_F(SrinfoTest, BlockNeedsItsMarkerWithinTheValidBytes) {
     EXPECT_EQ(radio(),
               "D/boot: rix: alloc_srinfo: Crash info string was invalid(44434241/5245564a)\n");
 
-    // The marker bytes are there, but the driver says they are not valid.
+    // The marker decides, whatever length the driver gives.
     clear_logs();
-    EXPECT_FALSE(srinfo_check_block(driver_block("//JVER}", 21).get(), &len));
-    EXPECT_EQ(len, 21u);
-    EXPECT_EQ(kmsg(), invalid_marker("5245564a"));
-    EXPECT_TRUE(srinfo_check_block(driver_block("//JVER", 22).get(), &len));
+    EXPECT_TRUE(srinfo_check_block(driver_block("//JVER}", 0).get(), &len));
+    EXPECT_EQ(len, 0u);
+    EXPECT_EQ(kmsg(), "");
 
     // The driver's length is bounded to the block.
     Block b = driver_block(kText, 0xFFFFFFFF);
@@ -227,6 +227,17 @@ TEST_F(SrinfoTest, HexEntryHasTimeRowsAndEmptyLineAndIsFlushed) {
                   "0ff0:7a7a7a7a 7a7a7a7a 7a7a7a7a 00000000 zzzzzzzzzzzz....\n\n")
             << len;
     }
+
+    // A full block at a five-digit year still fits the entry's room.
+    struct tm far = {};
+    far.tm_year = 12345 - 1900;
+    far.tm_mday = 1;
+    std::vector<char> room(kSrinfoEntryMax + 16, '\xEE');
+    const size_t n = srinfo_hex_entry(room.data(), far, b->data, 4092);
+    ASSERT_LE(n, kSrinfoEntryMax);
+    EXPECT_EQ(std::string(room.data(), 24), "[12345-01-01 00:00:00]\n0");
+    EXPECT_EQ(std::string(room.data() + n - 2, 2), "\n\n");
+    EXPECT_EQ(std::string(room.data() + kSrinfoEntryMax, 16), std::string(16, '\xEE'));
 
     // A pipe cannot be flushed to storage.
     int p[2];
@@ -438,6 +449,32 @@ TEST_F(SrinfoTest, StoreStopsWhereAFileCannotBeMade) {
     EXPECT_TRUE(
         logged(err("Is a directory", "open_srinfo_file", std::string("open fail - ") + kHex) +
                info("store_srinfo", "sr_info_last create fail(-1)")));
+
+    // A full disk cuts the text short: no last file is left to block the
+    // stores to come, and none is handed back. With room again, the next
+    // store works.
+    std::filesystem::remove(kLast);
+    std::filesystem::remove(kHex);
+    const char* err_dir = "/data/vendor/log/rix/err";
+    ASSERT_EQ(mount("full", err_dir, "tmpfs", 0, "size=4k"), 0);
+    std::shared_ptr<void> unmount(nullptr, [=](void*) { umount2(err_dir, MNT_DETACH); });
+    std::ofstream(std::string(err_dir) + "/filler") << std::string(4096, 'f');
+    clear_logs();
+    s.store_srinfo(3);
+    EXPECT_TRUE(logged(info("store_srinfo", "srinfo_last write fail(-1)")));
+    EXPECT_FALSE(exists(kLast));
+    EXPECT_FALSE(exists(kHex));
+    std::filesystem::remove(std::string(err_dir) + "/filler");
+    s.store_srinfo(3);
+    EXPECT_EQ(s.fetches, 5);
+    EXPECT_EQ(read_file(kLast), std::string(kText, kCloseAt + 1));
+
+    // A valid block without text leaves no empty last file behind either.
+    std::filesystem::remove(kLast);
+    s.record = driver_block("//JVER}", 0);
+    s.store_srinfo(3);
+    EXPECT_FALSE(exists(kLast));
+    EXPECT_TRUE(exists(kHex));
 }
 
 TEST_F(SrinfoTest, HexLogBelongsToGroupLogAlsoAfterRotation) {
