@@ -21,16 +21,35 @@ namespace {
 // by the kernel anyway.
 constexpr size_t kLineMax = 2048;
 
-// Appends the message text to a prefix and writes the whole line with one
-// write(), so that a message is never split across kernel log records.
-void write_copy(int fd, const char* prefix, const char* text) {
+// Appends the message text (`len` bytes as formatted, a NUL from "%c"
+// included) to a prefix and writes the whole line with one write(), so that
+// a message is never split across kernel log records.
+void write_copy(int fd, const char* prefix, const char* text, size_t len) {
     char line[kLineMax];
-    int n = snprintf(line, sizeof(line), "%s%s", prefix, text);
-    if (n <= 0) {
+    int n = snprintf(line, sizeof(line), "%s", prefix);
+    if (n < 0) {
         return;
     }
-    size_t len = static_cast<size_t>(n) < sizeof(line) ? n : sizeof(line) - 1;
-    (void)!write(fd, line, len);
+    size_t head = static_cast<size_t>(n) < sizeof(line) ? n : sizeof(line) - 1;
+    if (len > sizeof(line) - 1 - head) {
+        len = sizeof(line) - 1 - head;
+    }
+    memcpy(line + head, text, len);
+    if (head + len > 0) {
+        (void)!write(fd, line, head + len);
+    }
+}
+
+// Formats the message text; its length as formatted, cut where the buffer
+// cut it.
+__attribute__((format(printf, 3, 0))) size_t format_text(char* text, size_t size, const char* fmt,
+                                                         va_list ap) {
+    const int n = vsnprintf(text, size, fmt, ap);
+    if (n < 0) {
+        text[0] = '\0';
+        return 0;
+    }
+    return static_cast<size_t>(n) < size ? static_cast<size_t>(n) : size - 1;
 }
 
 int dump_log_fd() {
@@ -44,7 +63,7 @@ void rix_log(LogLevel level, LogCopy copy, const char* fn, const char* fmt, ...)
     char text[kLineMax];
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(text, sizeof(text), fmt, ap);
+    const size_t len = format_text(text, sizeof(text), fmt, ap);
     va_end(ap);
 
     // strerror(errno) is taken again for every copy: a copy that fails to be
@@ -55,7 +74,7 @@ void rix_log(LogLevel level, LogCopy copy, const char* fn, const char* fmt, ...)
     } else {
         snprintf(prefix, sizeof(prefix), "<6>cpif: rix: %s: ", fn);
     }
-    write_copy(kmsg_fd, prefix, text);
+    write_copy(kmsg_fd, prefix, text, len);
 
     if (level == LogLevel::Error) {
         __android_log_buf_print(LOG_ID_RADIO, ANDROID_LOG_ERROR, "boot", "rix: (ERR! %s) %s: %s",
@@ -71,7 +90,7 @@ void rix_log(LogLevel level, LogCopy copy, const char* fn, const char* fmt, ...)
         } else {
             snprintf(prefix, sizeof(prefix), "%s: ", fn);
         }
-        write_copy(log_fd, prefix, text);
+        write_copy(log_fd, prefix, text, len);
     }
 }
 

@@ -119,6 +119,18 @@ TEST_F(OptionsTest, OptionLettersAccumulateByFirstCharacter) {
     EXPECT_EQ(rix_args.options, 0u);
     // "ERR!" in the text does not make it an error message.
     EXPECT_EQ(kmsg(), "<6>cpif: rix: parseArgs: ERR! invalid option x\n");
+    // An empty argument prints as a NUL: the kernel record still holds the
+    // whole line, and the next message starts a line of its own.
+    for (const char* opt : {"-o", "-s"}) {
+        Container::reset();
+        clear_logs();
+        parse({opt, "", "-d"});
+        const std::string text = opt[1] == 'o' ? "ERR! invalid option " : "SRINFO type: ";
+        EXPECT_EQ(kmsg().substr(0, kmsg().find('\n') + 1),
+                  "<6>cpif: rix: parseArgs: " + text + std::string(1, '\0') + "\n");
+        EXPECT_EQ(radio().substr(0, radio().find('\n') + 1),
+                  "D/boot: rix: parseArgs: " + text + "\n");
+    }
 }
 
 TEST_F(OptionsTest, SilentResetTypeOneOnly) {
