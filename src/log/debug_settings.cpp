@@ -19,8 +19,10 @@ constexpr int32_t kDebugLevelMid = 0x4945;   // "IE"
 constexpr int32_t kDebugLevelHigh = 0x4948;  // "IH"
 
 // Character right after the key's '=' (the key itself ends with '=').
-char value_after_key(const char* token, const char* key) {
-    return token[strlen(key)];
+// The character code is taken as unsigned, as the phone's ABI does with a
+// plain char, so a byte of 0x80 or more counts the same on every host.
+unsigned char value_after_key(const char* token, const char* key) {
+    return static_cast<unsigned char>(token[strlen(key)]);
 }
 
 // Looks a key up in a freshly zeroed buffer: the previous lookup split the

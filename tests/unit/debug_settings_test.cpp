@@ -158,7 +158,10 @@ TEST_F(DebugSettingsTest, CpOptionFromCmdlineIsOneCharacterMinusZero) {
     struct {
         const char* cmdline;
         int expect;
-    } cases[] = {{"pax_debug.cp=7abc", 7}, {"pax_debug.cp=", -48}, {"pax_debug.cp=a", 49}};
+    } cases[] = {{"pax_debug.cp=7abc", 7},
+                 {"pax_debug.cp=", -48},
+                 {"pax_debug.cp=a", 49},
+                 {"pax_debug.cp=\xE9", 0xE9 - '0'}};
     for (const auto& c : cases) {
         cp_debug = 0;
         clear_logs();
