@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <vector>
 
 #include "core/util.h"
 #include "log/log.h"
@@ -75,12 +76,37 @@ int Log::create_log_directory() {
     return check_fs_log_directory();
 }
 
+namespace {
+
+constexpr size_t kGroupBufMax = size_t{64} * 1024;
+
+// The group "log", looked up into storage of the caller's own: the capture
+// threads and the main thread look it up at the same time.
+bool log_group(gid_t* gid) {
+    std::vector<char> buf(1024);
+    for (;;) {
+        struct group gr;
+        struct group* found = nullptr;
+        const int ret = getgrnam_r("log", &gr, buf.data(), buf.size(), &found);
+        if (ret == ERANGE && buf.size() < kGroupBufMax) {
+            buf.resize(buf.size() * 2);
+            continue;
+        }
+        if (ret != 0 || found == nullptr) {
+            return false;
+        }
+        *gid = gr.gr_gid;
+        return true;
+    }
+}
+
+}  // namespace
+
 void Util::switch_group_log(char* path) {
-    const struct group* gr = getgrnam("log");
-    if (gr == nullptr) {
+    gid_t gid;
+    if (!log_group(&gid)) {
         return;
     }
-    const gid_t gid = gr->gr_gid;
     int ret = chown(path, static_cast<uid_t>(-1), gid);
     if (ret != 0) {
         LOGI("log path(%s) gid(%d) set err(%d)\n", path, static_cast<int>(gid), ret);

@@ -1,6 +1,7 @@
 // The log directory: creation with mode, label and group, the race with
 // another creator, a file in its place, and the 500 MB free-space rule on
 // small file systems mounted for the test.
+#include <grp.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,15 @@
 #include "core/util.h"
 #include "log/log.h"
 #include "rix_test.h"
+
+// glibc's getgrnam hands every caller the same storage, which another thread's
+// lookup may have just filled with a different group. Here it always has: the
+// daemon must look the group up into storage of its own.
+extern "C" struct group* getgrnam(const char*) {
+    static char name[] = "other";
+    static struct group other = {name, nullptr, 4242, nullptr};
+    return &other;
+}
 
 namespace {
 
