@@ -295,6 +295,29 @@ int BootDumpQuoll::dump_attempt() {
     return ret;
 }
 
+namespace {
+
+// The watchdog request goes to the boot record's descriptor. An attempt that
+// failed while preparing has already closed it (or never opened it): the
+// boot node is then opened for this one request, or the phone would stay up
+// and the evidence of the crash be lost.
+void trigger_ap_wdtreset(int fd) {
+    int own = -1;
+    if (fd < 0) {
+        own = fd = open(rix_args.boot_node, O_RDWR | O_CLOEXEC);
+        if (fd < 0) {
+            LOGE_AS("dump", "ERR! %s open fail\n", rix_args.boot_node);
+            return;
+        }
+    }
+    ioctl(fd, IOCTL_TRIGGER_AP_WDTRESET);
+    if (own >= 0) {
+        close(own);
+    }
+}
+
+}  // namespace
+
 int BootDumpQuoll::dump() {
     boot_wake_lock(1);
     dump_try_cnt++;
@@ -306,7 +329,7 @@ int BootDumpQuoll::dump() {
             // From the second failed attempt on, the whole phone goes down
             // through a watchdog reset so that the evidence is not lost.
             LOGE("ERR! dump failed. trigger ap wdtreset\n");
-            ioctl(std_boot_node_fd(), IOCTL_TRIGGER_AP_WDTRESET);
+            trigger_ap_wdtreset(std_boot_node_fd());
         }
     }
     std_dump_close_args();
