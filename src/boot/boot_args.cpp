@@ -22,6 +22,7 @@ bool never_opened(const int32_t* slots, int count) {
 }
 
 void close_slots(int32_t* slots, int count) {
+    // A record that was never set up holds 0s, and descriptor 0 is not ours.
     if (never_opened(slots, count)) {
         return;
     }

@@ -18,7 +18,8 @@
 namespace {
 
 // Writes a file of `size` bytes of 0xFF, which the CP takes as an erased NV
-// and fills in itself.
+// and fills in itself. The size comes from the TOC: it is written from one
+// buffer of this size, never from one allocation of the whole size.
 constexpr size_t kNvFillChunk = 1 << 20;
 
 // Writes `size` bytes from the erased buffer, `chunk` at a time. Returns the
@@ -121,7 +122,8 @@ uint16_t nv_sum(const uint8_t* data, uint32_t total) {
 }
 
 // Reads the open NV file of length len and checks it. A file too long to be
-// checked is judged by its header alone, so it is never read whole.
+// checked is judged by its header alone, so its length never becomes the
+// size of an allocation.
 bool check_open_nv_file(int fd, const char* path, uint64_t len) {
     const size_t want = len > kNvMaxFileSize ? sizeof(NV_header) : static_cast<size_t>(len);
     uint8_t* buf = static_cast<uint8_t*>(calloc(want, 1));
