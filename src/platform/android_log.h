@@ -1,8 +1,10 @@
 // Android logging. On the phone this is liblog; on a development host the
 // stand-in in host/ appends one line per message to a file per log buffer.
+// The declarations below are liblog's (C linkage, the same values), so code
+// built on them builds on liblog unchanged (RIX_ANDROID_LIBS).
 #pragma once
 
-#ifdef __ANDROID__
+#if defined(__ANDROID__) || defined(RIX_ANDROID_LIBS)
 #include <android/log.h>
 #else
 
@@ -27,10 +29,11 @@ typedef enum android_LogPriority {
 } android_LogPriority;
 
 // liblog's own names, reserved identifiers or not.
-int __android_log_buf_print(  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-    int bufID, int prio, const char* tag, const char* fmt, ...)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" int __android_log_buf_print(int bufID, int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
-int __android_log_print(  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-    int prio, const char* tag, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
 
 #endif

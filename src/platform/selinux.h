@@ -2,7 +2,7 @@
 // host the stand-in records the path it was asked to relabel.
 #pragma once
 
-#ifdef __ANDROID__
+#if defined(__ANDROID__) || defined(RIX_ANDROID_LIBS)
 #include <selinux/android.h>
 #else
 
@@ -10,6 +10,6 @@
 #define SELINUX_ANDROID_RESTORECON_VERBOSE 2
 #define SELINUX_ANDROID_RESTORECON_RECURSE 4
 
-int selinux_android_restorecon(const char* file, unsigned int flags);
+extern "C" int selinux_android_restorecon(const char* file, unsigned int flags);
 
 #endif
