@@ -6,6 +6,8 @@
 
 namespace {
 
+// The crash scenarios compare dump and region files with these streams; streams that did not
+// depend on seed, name and offset would let a daemon that writes data out of place pass.
 // The generator is splitmix64: its first outputs for seed 0 are published
 // reference values, so a test written in another language can rely on it.
 TEST(Payload, IsSplitmix64) {
