@@ -1,9 +1,14 @@
+// NV files. The boot scenarios boot an even-sized file without checking it and send a corrupt
+// one to the daemon's check; the check value of a valid file, odd sizes, cut and erased files
+// are only seen here.
 #include "nv.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <tuple>
 #include <vector>
 
 #include "payload.h"
@@ -11,91 +16,60 @@
 namespace mkmodem {
 namespace {
 
-uint16_t checksum_of(std::initializer_list<uint8_t> data) {
-    std::vector<uint8_t> v(data);
-    NvChecksum c;
-    c.add(v.data(), v.size());
-    return c.value();
-}
-
-TEST(NvChecksum, WordsAndTheOddLastByte) {
-    EXPECT_EQ(checksum_of({}), 0);
-    EXPECT_EQ(checksum_of({0x01, 0x02}), 0x0201);
-    // TotalSize 3: one word plus 0xFF00 | last byte.
-    EXPECT_EQ(checksum_of({0x01, 0x02, 0x03}), static_cast<uint16_t>(0x0201 + 0xFF03));
-    // Wrap-around.
-    EXPECT_EQ(checksum_of({0xFF, 0xFF, 0x02, 0x00}), 0x0001);
-}
-
-TEST(NvChecksum, PiecesOfAnyLengthGiveTheSameSum) {
-    std::vector<uint8_t> data(1001);
-    payload::fill(9, 0, data.data(), data.size());
-    NvChecksum whole, pieces;
-    whole.add(data.data(), data.size());
-    for (size_t off = 0; off < data.size(); off += 7) {
-        pieces.add(data.data() + off, std::min<size_t>(7, data.size() - off));
+TEST(NvChecksum, WordsAndTheOddLastByteWrapInPiecesOfAnyLength) {
+    const std::pair<std::vector<uint8_t>, uint16_t> rows[] = {
+        {{}, 0},
+        {{0x01, 0x02}, 0x0201},
+        {{0x01, 0x02, 0x03}, static_cast<uint16_t>(0x0201 + 0xFF03)},
+        {{0xFF, 0xFF, 0x02, 0x00}, 0x0001}};
+    for (const auto& [data, sum] : rows) {
+        for (size_t piece : {1, 3, 64}) {
+            NvChecksum c;
+            for (size_t off = 0; off < data.size(); off += piece) {
+                c.add(data.data() + off, std::min(piece, data.size() - off));
+            }
+            EXPECT_EQ(c.value(), sum) << data.size() << " bytes in pieces of " << piece;
+        }
     }
-    EXPECT_EQ(whole.value(), pieces.value());
 }
 
-class NvFileTest : public ::testing::Test {
-  protected:
-    std::vector<uint8_t> write(const NvSpec& req) {
-        std::string path = ::testing::TempDir() + "/nv_test.bin";
-        EXPECT_EQ(write_nv(req, path), "");
+// Header with TotalSize, the pattern data (zeros would make the boot scenarios' comparison of
+// NV bytes in modem memory vacuous), a 0xFF pad for an odd size, then the check value (one more
+// with corrupt); file_size cuts the file; erased is all 0xFF.
+TEST(NvFile, LayoutOfEveryKind) {
+    const std::string path = ::testing::TempDir() + "/mkmodem-nv-test.bin";
+    auto written = [&](const NvSpec& spec) {
+        EXPECT_EQ(write_nv(spec, path), "");
         std::ifstream in(path, std::ios::binary);
-        return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), {});
+        return std::vector<uint8_t>{std::istreambuf_iterator<char>(in), {}};
+    };
+    // TotalSize, corrupt, file_size; the file's size, check value minus sum (-1: none written)
+    const std::tuple<uint32_t, bool, std::optional<uint64_t>, size_t, int> rows[] = {
+        {3, false, {}, 22, 0}, {1000, true, {}, 1018, 1}, {1000, false, 17, 17, -1}};
+    for (const auto& [total, corrupt, cut, size, delta] : rows) {
+        NvSpec spec;
+        spec.total_size = total;
+        spec.corrupt = corrupt;
+        spec.file_size = cut;
+        const auto f = written(spec);
+        ASSERT_EQ(f.size(), size) << total;
+        uint32_t stored_total = 0;
+        std::memcpy(&stored_total, f.data() + kNvTotalSizeOffset, 4);
+        EXPECT_EQ(stored_total, total);
+        EXPECT_EQ(f[16], payload::byte_at(payload::stream_seed(0, "NV"), 0));
+        if (delta >= 0) {
+            NvChecksum c;
+            c.add(f.data() + kNvHeaderSize, total);
+            const size_t at = nv_checksum_offset(total);
+            ASSERT_EQ(at, size - 2);
+            EXPECT_EQ(f[at] | f[at + 1] << 8, static_cast<uint16_t>(c.value() + delta)) << total;
+            EXPECT_TRUE(total % 2 == 0 || f[at - 1] == 0xFF) << "pad of an odd TotalSize";
+        }
     }
-    static uint32_t u32(const std::vector<uint8_t>& f, size_t off) {
-        uint32_t v;
-        std::memcpy(&v, f.data() + off, 4);
-        return v;
-    }
-    static uint16_t u16(const std::vector<uint8_t>& f, size_t off) {
-        uint16_t v;
-        std::memcpy(&v, f.data() + off, 2);
-        return v;
-    }
-};
-
-TEST_F(NvFileTest, OddTotalSizeHasPadAndValidCheck) {
-    NvSpec req;
-    req.total_size = 3;
-    auto f = write(req);
-    ASSERT_EQ(f.size(), 22u);  // 16 + 3 + pad + 2
-    EXPECT_EQ(u32(f, 8), 3u);
-    EXPECT_EQ(nv_checksum_offset(3), 20u);
-    uint16_t expect = static_cast<uint16_t>((f[16] | (f[17] << 8)) + (0xFF00 | f[18]));
-    EXPECT_EQ(u16(f, 20), expect);
-}
-
-TEST_F(NvFileTest, EvenSizeCorruptAndCut) {
-    NvSpec req;
-    req.total_size = 1000;
-    auto good = write(req);
-    ASSERT_EQ(good.size(), 16u + 1000 + 2);
-    NvChecksum c;
-    c.add(good.data() + 16, 1000);
-    EXPECT_EQ(u16(good, 1016), c.value());
-
-    req.corrupt = true;
-    auto bad = write(req);
-    EXPECT_NE(u16(bad, 1016), c.value());
-    EXPECT_TRUE(std::equal(good.begin(), good.begin() + 1016, bad.begin()));
-
-    req.corrupt = false;
-    req.file_size = 17;  // TotalSize says more than the file holds
-    EXPECT_EQ(write(req).size(), 17u);
-}
-
-TEST_F(NvFileTest, ErasedDefaultFile) {
-    NvSpec req;
-    req.erased = true;
-    req.erased_size = 4096;
-    auto f = write(req);
-    ASSERT_EQ(f.size(), 4096u);
-    EXPECT_EQ(u32(f, 8), kNvDefaultTotalSize);
-    EXPECT_TRUE(std::all_of(f.begin(), f.end(), [](uint8_t b) { return b == 0xFF; }));
+    NvSpec erased;
+    erased.erased = true;
+    erased.erased_size = 4096;
+    EXPECT_EQ(written(erased), std::vector<uint8_t>(4096, 0xFF));
 }
 
 }  // namespace
