@@ -166,7 +166,7 @@ void crash_reset_handling() {
     sleep_seconds(3);
     LOGI_AS(kLoop, "RILD dosenot restart for 3sec, save logs\n\n");
     if (debug_level != 0) {
-        start_capture("rix_only_%s");
+        start_capture(kCaptureRixOnly);
     }
     sleep_seconds(27);
 }
@@ -237,7 +237,7 @@ void status_loop() {
         count_loop_start();
         if (debug_level != 0 && cp_debug == 0) {
             if (first_char_is_one("vendor.rix.boot_done", "0")) {
-                start_capture("cp_boot_done_%s");
+                start_capture(kCaptureCpBootDone);
             }
             property_set("vendor.rix.reset_done", "1");
         }
@@ -289,7 +289,7 @@ bool boot_allowed_by_debug() {
         return false;
     }
     if (first_char_is_one("vendor.rix.reset_done", "")) {
-        start_capture("cp_boot_%s");
+        start_capture(kCaptureCpBoot);
         property_set("vendor.rix.reset_done", "0");
     }
     return true;

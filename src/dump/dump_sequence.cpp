@@ -64,7 +64,7 @@ struct DumpNames {
 
 DumpNames make_names() {
     DumpNames n = {};
-    snprintf(n.base, sizeof(n.base), "cpcrash_%s", rix_args.dev_prefix);
+    snprintf(n.base, sizeof(n.base), kDumpNameBase, rix_args.dev_prefix);
     dump_time_stamp(n.stamp, sizeof(n.stamp));
     return n;
 }
@@ -74,14 +74,14 @@ DumpNames make_names() {
 bool slot_path(int slot, const DumpNames& n, char* path) {
     int len;
     if (slot == 5) {
-        len = snprintf(path, kFilePathLen, "%s/%s_log_%s.log", log_dir, n.base, n.stamp);
+        len = snprintf(path, kFilePathLen, kDumpLogPathFormat, log_dir, n.base, n.stamp);
     } else if (slot == 6) {
-        len = snprintf(path, kFilePathLen, "%s/%s_info_%s_%s.log", log_dir, n.base,
+        len = snprintf(path, kFilePathLen, kDumpInfoPathFormat, log_dir, n.base,
                        rix_args.modem_name, n.stamp);
     } else if (minidump_file_chosen()) {
         len = snprintf(path, kFilePathLen, "%s", kMinidumpFile);
     } else {
-        len = snprintf(path, kFilePathLen, "%s/%s_dump_%s.log", log_dir, n.base, n.stamp);
+        len = snprintf(path, kFilePathLen, kDumpFilePathFormat, log_dir, n.base, n.stamp);
     }
     return len > 0 && static_cast<size_t>(len) < kFilePathLen;
 }
@@ -229,7 +229,7 @@ int BootDumpQuoll::dump_attempt() {
         }
     }
     if (debug_level != 0) {
-        capture("cpcrash_%s_klog_before");
+        capture(kCaptureDumpBefore);
     }
     LOGI_AS("dump", "Prepare CP crash dump\n");
     if (!std_dump_prepare_args()) {
@@ -273,7 +273,7 @@ int BootDumpQuoll::dump_attempt() {
         return ret;
     }
     if (debug_level != 0) {
-        capture("cpcrash_%s_klog_after");
+        capture(kCaptureDumpAfter);
     }
     sync();
     if (minidump_in_force()) {
@@ -324,7 +324,7 @@ int BootDumpQuoll::dump() {
     int ret = dump_attempt();
     if (ret < 0 && debug_level != 0) {
         LOGE("dump_try_cnt:%d\n", dump_try_cnt);
-        capture("cpcrash_%s_dump_fail");
+        capture(kCaptureDumpFail);
         if (dump_try_cnt >= 2) {
             // From the second failed attempt on, the whole phone goes down
             // through a watchdog reset so that the evidence is not lost.

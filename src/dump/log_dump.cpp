@@ -55,7 +55,7 @@ void dump_time_stamp(char* buf, size_t size) {
     const time_t now = time(nullptr);
     struct tm tm = {};
     localtime_r(&now, &tm);
-    if (strftime(buf, size, "%Y%m%d-%H%M_%S", &tm) == 0) {
+    if (strftime(buf, size, kDumpStampFormat, &tm) == 0) {
         buf[0] = '\0';
     }
 }
@@ -64,8 +64,8 @@ int save_log_region(const char* name, uint32_t size) {
     char ts[64];
     dump_time_stamp(ts, sizeof(ts));
     char path[kPathLen];
-    const int len = snprintf(path, sizeof(path), "%s/cpcrash_%s_dump_%s_%s.log", log_dir, name,
-                             rix_args.dev_prefix, ts);
+    const int len =
+        snprintf(path, sizeof(path), kRegionPathFormat, log_dir, name, rix_args.dev_prefix, ts);
     // A cut path would name another file: it counts as a failed open.
     int fd = -1;
     if (len < 0 || static_cast<size_t>(len) >= sizeof(path)) {

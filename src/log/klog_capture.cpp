@@ -84,9 +84,9 @@ bool format_path(char (&path)[kPathLen], const save_logs_args& args) {
         const time_t now = time(nullptr);
         struct tm local;
         if (localtime_r(&now, &local) != nullptr) {
-            strftime(stamp, sizeof(stamp), "%Y%m%d%H%M_%S", &local);
+            strftime(stamp, sizeof(stamp), kCaptureStampFormat, &local);
         }
-        n = snprintf(path, sizeof(path), "%s/%s_%s.log", log_dir, args.name, stamp);
+        n = snprintf(path, sizeof(path), kCapturePathFormat, log_dir, args.name, stamp);
     } else {
         n = snprintf(path, sizeof(path), "%s/%s.log", log_dir, args.name);
     }

@@ -30,6 +30,15 @@ inline constexpr size_t kLogDirLen = 512;
 extern char log_dir[kLogDirLen];
 inline constexpr const char kLogDir[] = "/data/vendor/log/rix";
 
+// A kernel-log capture file: "<log_dir>/<name>_<local time to the second>.log".
+inline constexpr char kCapturePathFormat[] = "%s/%s_%s.log";
+inline constexpr char kCaptureStampFormat[] = "%Y%m%d%H%M_%S";
+// Names of the captures the status loop starts, with the device prefix:
+// after a CP reset, after a completed boot, when rild did not restart.
+inline constexpr char kCaptureCpBoot[] = "cp_boot_%s";
+inline constexpr char kCaptureCpBootDone[] = "cp_boot_done_%s";
+inline constexpr char kCaptureRixOnly[] = "rix_only_%s";
+
 // One kernel ring-buffer capture: bit 0 of flags asks for a time-stamped
 // file name; name is the file's base name.
 struct save_logs_args {

@@ -107,14 +107,16 @@ size_t srinfo_hex_row(char* out, const uint8_t* data, size_t len, size_t off) {
 }
 
 bool check_srinfo_last(char* path) {
-    snprintf(path, kSrinfoPathLen, "%s/%s_%s", kSrinfoErrDir, "last_sr_info", rix_args.dev_prefix);
+    snprintf(path, kSrinfoPathLen, kSrinfoPathFormat, kSrinfoErrDir, kSrinfoLastName,
+             rix_args.dev_prefix);
     LOGI_AS("check_srinfo_last", "%s: full_path: %s\n", "check_srinfo_last", path);
     struct stat st;
     return stat(path, &st) == 0;
 }
 
 int create_srinfo_last(char* path) {
-    snprintf(path, kSrinfoPathLen, "%s/%s_%s", kSrinfoErrDir, "last_sr_info", rix_args.dev_prefix);
+    snprintf(path, kSrinfoPathLen, kSrinfoPathFormat, kSrinfoErrDir, kSrinfoLastName,
+             rix_args.dev_prefix);
     LOGI_AS("create_srinfo_last", "create last_sr_info file - %s\n", path);
     int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0) {
@@ -142,7 +144,8 @@ ssize_t write_srinfo_last(int fd, const srinfo_block* block) {
 }
 
 int open_srinfo_last(char* path) {
-    snprintf(path, kSrinfoPathLen, "%s/%s_%s", kSrinfoErrDir, "last_sr_info", rix_args.dev_prefix);
+    snprintf(path, kSrinfoPathLen, kSrinfoPathFormat, kSrinfoErrDir, kSrinfoLastName,
+             rix_args.dev_prefix);
     LOGI_AS("open_srinfo_last", "open last_sr_info file - %s\n", path);
     int fd = open(path, O_RDWR | O_CLOEXEC);
     if (fd < 0) {
@@ -179,8 +182,8 @@ srinfo_block* read_srinfo_last(int fd) {
 int Srinfo::open_srinfo_file(const char* name) {
     char path[kSrinfoPathLen];
     char bak[kSrinfoPathLen];
-    int n = snprintf(path, sizeof(path), "%s/%s_%s", kLogDir, "sr_info", name);
-    int m = snprintf(bak, sizeof(bak), "%s/.%s_%s.bak", kLogDir, "sr_info", name);
+    int n = snprintf(path, sizeof(path), kSrinfoPathFormat, kLogDir, kSrinfoLogName, name);
+    int m = snprintf(bak, sizeof(bak), kSrinfoBackupPathFormat, kLogDir, kSrinfoLogName, name);
     LOGI("open file - %s(%s)\n", path, bak);
     // A cut-short name could rotate or delete some other file.
     if (n < 0 || m < 0 || static_cast<size_t>(n) >= sizeof(path) ||
@@ -300,7 +303,7 @@ srinfo_block* SrinfoTarn::alloc_srinfo(unsigned int* len, int fd) {
 
 size_t srinfo_hex_entry(char* out, const struct tm& tm, const uint8_t* data, size_t len) {
     // The time line is as long as the year needs, never more than its room.
-    size_t used = strftime(out, kSrinfoStampMax, "[%Y-%m-%d %H:%M:%S]\n", &tm);
+    size_t used = strftime(out, kSrinfoStampMax, kSrinfoTimeLine, &tm);
     for (size_t off = 0; off < len; off += 16) {
         used += srinfo_hex_row(out + used, data, len, off);
     }

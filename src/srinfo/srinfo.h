@@ -38,6 +38,14 @@ inline constexpr size_t kSrinfoPathLen = 64;
 // One hex row: "oooo:" + four words + a blank + 16 characters + line feed.
 inline constexpr size_t kSrinfoRowLen = 5 + 4 * 9 + 16 + 1;
 inline constexpr const char kSrinfoErrDir[] = "/data/vendor/log/rix/err";
+// The last file "<err dir>/last_sr_info_<prefix>", the hex log
+// "<log dir>/sr_info_<prefix>" and its one backup "<log dir>/.sr_info_<prefix>.bak".
+inline constexpr char kSrinfoPathFormat[] = "%s/%s_%s";
+inline constexpr char kSrinfoBackupPathFormat[] = "%s/.%s_%s.bak";
+inline constexpr char kSrinfoLastName[] = "last_sr_info";
+inline constexpr char kSrinfoLogName[] = "sr_info";
+// The line that begins each hex-log entry: the local time of the store.
+inline constexpr char kSrinfoTimeLine[] = "[%Y-%m-%d %H:%M:%S]\n";
 
 // The steps of a store and a restore, each on a block already in memory, so
 // that they can be driven without the driver.
