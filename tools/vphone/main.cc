@@ -85,7 +85,8 @@ std::vector<char*> c_strings(std::vector<std::string>& items) {
     return out;
 }
 
-// The host pid: /proc is still the host's procfs here, so "self" names our host pid.
+// The host pid: /proc is still the host's procfs here, so "self" names our host pid. The line
+// feed that completes the file comes from init once the command runs (see run_init).
 void write_host_pid(int pid_fd) {
     if (pid_fd < 0) {
         return;
@@ -95,11 +96,26 @@ void write_host_pid(int pid_fd) {
     if (n <= 0) {
         die(std::string("cannot read the host pid: ") + std::strerror(errno));
     }
-    std::string line = std::string(buf, static_cast<size_t>(n)) + "\n";
-    if (write(pid_fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+    if (write(pid_fd, buf, static_cast<size_t>(n)) != n) {
         die(std::string("cannot write the pid file: ") + std::strerror(errno));
     }
     close(pid_fd);
+}
+
+// Waits until the command has replaced the forked copy of vphone (the pipe's write end closes on
+// exec, or when the child dies), then completes the pid file: a reader who waits for the line
+// feed never finds vphone's own command line under that pid.
+void complete_pid_file(int ready, int pid_fd) {
+    char c;
+    while (read(ready, &c, 1) < 0 && errno == EINTR) {
+    }
+    close(ready);
+    if (pid_fd >= 0) {
+        if (write(pid_fd, "\n", 1) != 1) {
+            die(std::string("cannot write the pid file: ") + std::strerror(errno));
+        }
+        close(pid_fd);
+    }
 }
 
 [[noreturn]] void exec_command(const vphone::Options& o, int pid_fd) {
@@ -135,16 +151,20 @@ void write_host_pid(int pid_fd) {
     } catch (const std::exception& e) {
         die(e.what());
     }
+    int ready[2];
+    if (pipe2(ready, O_CLOEXEC) != 0) {
+        die(std::string("pipe: ") + std::strerror(errno));
+    }
     pid_t command = fork();
     if (command < 0) {
         die(std::string("fork: ") + std::strerror(errno));
     }
     if (command == 0) {
+        close(ready[0]);
         exec_command(o, pid_fd);
     }
-    if (pid_fd >= 0) {
-        close(pid_fd);
-    }
+    close(ready[1]);
+    complete_pid_file(ready[0], pid_fd);
     vphone::forward_signals_to(command);
     _exit(vphone::wait_for(command));
 }
