@@ -152,7 +152,61 @@ def corpus():
         "unknown": a("-t", "other"), "bad_option": a("-x", "-o", "z", "-s", "2"),
         "too_long": a("-t", "vm420", "-B", "b" * 40),
     }
+    c["evidence"] = evidence_corpus()
     return c
+
+
+def hex_entry(time, block, rows=None):
+    """A silent-reset hex-log entry as the daemon writes it."""
+    out = "[%s]\n" % time
+    for off in range(0, len(block), 16):
+        row = block[off:off + 16].ljust(16, b"\0")
+        text = "".join(chr(b) if 0x22 <= b <= 0x7D else "." for b in row)
+        out += "%04x:%08x %08x %08x %08x %s\n" % ((off,) + struct.unpack("<4I", row) + (text,))
+    return (out + "\n").encode()
+
+
+def evidence_corpus():
+    """Log directories as name/content pairs: one whole crash, one cut by a
+    full disk and retried, a rotated hex log, names of no file of the daemon."""
+    s, k = "20261124-0910_05", "202611240910_05"
+    log = "\n".join([
+        "std_dump_write_versions: CPIF version: VMODEM-CPIF-1.0",
+        "std_dump_prepare_args: /data/vendor/log/rix/cpcrash_umts_log_%s.log opened (fd 6)" % s,
+        "get_log_dump: size:100",
+        "get_log_dump: /data/vendor/log/rix/cpcrash_shmem_dump_umts_%s.log opened (fd 12)" % s,
+        "get_log_dump: /data/vendor/log/rix/cpcrash_shmem_dump_umts_%s.log Complete! (100 bytes)" % s,
+        "get_num_log_dump: num_dump:1", "std_ul_recv_info: DUMP INFO saved",
+        "std_ul_recv_data: [step 1] num_frames = 1", "std_ul_recv_data: [step 1] command = 0xAD01",
+        "std_ul_recv_data: [step 1] saved = 64", "std_dump_receive_cp_dump: DUMP DATA saved", ""])
+    cut = log[:log.index("std_ul_recv_data: [step 1] saved")] + "\n".join([
+        "(ERR! No space left on device) std_ul_recv_data: ERR! [step 1] seq# 1 write fail",
+        "std_dump_receive_cp_dump: ERR! std_ul_recv_data fail",
+        "dump: ERR! std_dump_receive_cp_dump fail", ""])
+    ring = ("<6>[ 1.0] cpif: rix: dump: Prepare CP crash dump\n"
+            "<6>[ 1.1] cpif: rix: std_ul_recv_info: dump_size = 64\n"
+            "<6>[ 1.2] cpif: rix: dump: ERR! std_dump_receive_cp_dump fail\n\0")
+    block = b"VMSR\x01\0\0\0" + bytes(8) + b'{"JVER":"VM1","reason":"silent reset"}'
+    files = lambda *pairs: msgs(*[x.encode() if isinstance(x, str) else x for x in pairs])
+    whole = ("cpcrash_umts_log_%s.log" % s, log,
+             "cpcrash_umts_info_vm420_%s.log" % s, ": CP Crash by CP - UMTS: oops",
+             "cpcrash_umts_dump_%s.log" % s, bytes(64),
+             "cpcrash_shmem_dump_umts_%s.log" % s, bytes(100),
+             "cpcrash_umts_klog_before_%s.log" % k, "<6>[ 0.1] boot\n\0",
+             "cpcrash_umts_klog_after_%s.log" % k, ring)
+    hexlog = hex_entry("2026-11-24 09:10:05", block)
+    return {
+        "whole": files(*whole),
+        "cut_and_retried": files(*whole[:2], "cpcrash_umts_log_%s.log" % s, cut,
+                                 *whole[2:10], "cpcrash_umts_dump_fail_202611240910_07.log", ring,
+                                 "cpcrash_umts_klog_before_202611240910_08.log", "x",
+                                 "cpcrash_umts_dump_fail_202611240910_08.log", ring),
+        "rotated": files(".sr_info_umts.bak", hex_entry("2026-11-23 08:00:00", block)[:138],
+                         "sr_info_umts", hexlog[138:] + hexlog + b"junk\n",
+                         "\x01last_sr_info_umts", block[16:]),
+        "unknown": files("notes.txt", "x", "cpcrash_umts_log_2026.log", "", "cp_boot_umts_%s.log" % k,
+                         "", "rix_only_umts_%s.log" % k, ""),
+    }
 
 
 def main():
