@@ -230,6 +230,10 @@ TEST_F(Boot, OneShotBootStreamsEveryStageIntoModemMemory) {
         append_chunks(expect_chunks, toc[i], 0);
     }
     EXPECT_EQ(loaded_chunks(modem().requests("LOAD_CP_IMAGE")), expect_chunks);
+    for (int i = 0; i < 5; i++) {
+        EXPECT_EQ(count(info("load_cp_image_by_stage", std::to_string(i) + " stage complelte")), 1)
+            << i;
+    }
     for (size_t i = 0; i < 4; i++) {
         EXPECT_TRUE(same_bytes(modem().memory_path(), toc[i].m_off & kModemOffsetMask,
                                partition_path(), toc[i].b_off, toc[i].size))

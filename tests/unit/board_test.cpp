@@ -77,9 +77,12 @@ TEST_F(BoardTest, CountsOutsideOneToFourAreLoggedButNotWritten) {
 }
 
 TEST_F(BoardTest, FactoryFileWithoutTokenOrMissingGivesMinus22) {
-    factory("no token here\n");
-    EXPECT_EQ(Container::protocol->get_factory_prop(), -22);
-    EXPECT_EQ(kmsg(), "<6>cpif: rix: get_factory_prop: can't find token!\n");
+    for (const char* text : {"no token here\n", ""}) {
+        clear_logs();
+        factory(text);
+        EXPECT_EQ(Container::protocol->get_factory_prop(), -22) << text;
+        EXPECT_EQ(kmsg(), "<6>cpif: rix: get_factory_prop: can't find token!\n");
+    }
 
     std::filesystem::remove(kFactory);
     clear_logs();
