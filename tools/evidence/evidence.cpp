@@ -90,6 +90,11 @@ Attempt* latest_at(std::vector<Attempt>& attempts, const std::string& prefix, in
     return nullptr;
 }
 
+// The attempt has a dump log, and it was read.
+bool read_log(const Attempt& a) {
+    return !a.dump_log.empty() && a.log_error.empty();
+}
+
 Attempt anchored(const File& f) {
     Attempt a;
     a.prefix = f.n.prefix;
@@ -182,6 +187,8 @@ class Gatherer {
             for_each_line(join(dir_, a.dump_log), [&](std::string_view l) { reader.take(l); });
         if (!err.empty()) {
             r_.problems.push_back(printable(a.dump_log) + ": " + err);
+            a.log_error = err;
+            return;
         }
         a.log = reader.facts();
         for (const RegionFacts& rf : a.log.regions) {
@@ -304,10 +311,10 @@ class Gatherer {
         if (!a.capture.failure.empty()) {
             return a.capture.failure + " (kernel log)";
         }
-        if (a.dump_log.empty()) {
+        if (!read_log(a)) {
             return a.info.empty() && a.dump.empty() && !a.fail.empty()
                        ? "the dump files were never made (preparation failed)"
-                       : "the dump log is missing";
+                       : "not known without the dump log";
         }
         if (!L.steps.empty()) {
             return "the dump log ends in step " + std::to_string(L.steps.back().n);
@@ -339,7 +346,7 @@ class Gatherer {
                 g.problem = "file holds " + std::to_string(*g.size) + " of " +
                             std::to_string(g.received) + " bytes received";
             }
-            if (!g.problem.empty() && !a.dump_log.empty()) {
+            if (!g.problem.empty() && read_log(a)) {
                 a.missing.push_back("region " + (g.name.empty() ? std::string("?") : g.name) +
                                     ": " + g.problem);
             }
@@ -348,7 +355,7 @@ class Gatherer {
 
     void judge(Attempt& a) {
         const DumpLogFacts& L = a.log;
-        const bool have_log = !a.dump_log.empty();
+        const bool have_log = read_log(a);
         // The capture after a dump is taken only once reception succeeded.
         a.done = have_log ? L.data_saved && !L.done_failed : !a.after_captures.empty();
         uint32_t sum = 0;
@@ -393,7 +400,7 @@ class Gatherer {
 
         std::vector<std::string>& m = a.missing;
         if (!have_log) {
-            m.push_back("dump log");
+            m.push_back(a.dump_log.empty() ? "dump log" : "dump log: " + a.log_error);
         }
         if (a.info.empty()) {
             m.push_back("info file (the crash reason)");

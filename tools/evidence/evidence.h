@@ -38,6 +38,7 @@ struct Attempt {
     std::string stamp;  // the dump files' stamp; a capture's when it has none
     int64_t time = 0;
     std::string dump_log, info, dump;  // base names; empty when missing
+    std::string log_error;             // why the dump log could not be read
     std::optional<std::string> reason;
     std::optional<uint64_t> dump_size;
     std::optional<uint32_t> announced;

@@ -34,6 +34,9 @@ int main(int argc, char** argv) {
         for (const std::string& p : r.problems) {
             fprintf(stderr, "evidence: %s\n", p.c_str());
         }
+        if (!json) {
+            return evidence::exit_status(r);
+        }
     }
     const std::string out = json ? evidence::to_json(r).dump(2) + "\n" : evidence::to_text(r);
     fwrite(out.data(), 1, out.size(), stdout);

@@ -110,7 +110,7 @@ std::string after_text(const std::string& after) {
     if (after == "none") {
         return "nothing: the attempt failed";
     }
-    return "not known (no dump log)";
+    return "not known: the evidence ends before the attempt did";
 }
 
 std::string joined(const std::vector<std::string>& items) {
@@ -135,11 +135,14 @@ void attempt_text(std::string& out, const Attempt& a, const std::string& in) {
         dump += a.announced ? " of " + std::to_string(*a.announced) + " bytes announced"
                             : " bytes, the size the CP announced is not known";
     }
+    // Without a dump log that was read, only a failure or the capture after
+    // the dump tells how reception ended.
+    const bool log_read = !a.dump_log.empty() && a.log_error.empty();
+    const char* reception = a.done                          ? "reception finished (DONE)"
+                            : log_read || a.after == "none" ? "reception did not finish"
+                                                            : "reception not known";
     dump += ", " + std::to_string(a.steps_saved) + (a.steps_saved == 1 ? " step" : " steps") +
-            " saved, " +
-            (a.done                                       ? "reception finished (DONE)"
-             : a.dump_log.empty() && a.after == "unknown" ? "reception not known"
-                                                          : "reception did not finish");
+            " saved, " + reception;
     field(out, in, "dump", dump);
     for (const Region& g : a.regions) {
         std::string line = (g.name.empty() ? "?" : g.name) + ": ";
