@@ -140,8 +140,6 @@ StepFacts& DumpLogReader::step(unsigned n) {
 }
 
 void DumpLogReader::take(std::string_view line) {
-    ++f_.lines;
-    f_.last = clip(line);
     // An error line carries the text of errno before its step name.
     std::string why;
     if (line.rfind("(ERR! ", 0) == 0) {
@@ -163,7 +161,10 @@ void DumpLogReader::take(std::string_view line) {
         v.clear();
         return scan(text, fmt, v);
     };
-    if ((text.rfind("ERR! ", 0) == 0 || !why.empty()) && f_.errors.size() < kMaxKept) {
+    // A REASON longer than its room is cut and the dump goes on: no failure.
+    const bool failure = (text.rfind("ERR! ", 0) == 0 || !why.empty()) &&
+                         !(fn == "std_ul_recv_info" && is("ERR! reason_len %u > %u, truncated"));
+    if (failure && f_.errors.size() < kMaxKept) {
         f_.errors.push_back(clip(line) + why);
     }
     if (fn == "std_dump_write_versions") {
@@ -171,10 +172,6 @@ void DumpLogReader::take(std::string_view line) {
             f_.cpif_version = clip(v[0]);
         } else if (is("Velmora (RIX) version: %s")) {
             f_.rix_version = clip(v[0]);
-        }
-    } else if (fn == "std_dump_prepare_args") {
-        if (is("%s opened (fd %d)") && f_.opened.size() < kMaxKept) {
-            f_.opened.push_back(base_name(v[0]));
         }
     } else if (fn == "get_log_dump") {
         if (is("size:%u")) {

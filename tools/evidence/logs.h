@@ -42,7 +42,6 @@ struct RegionFacts {
 // What the dump log of one attempt tells.
 struct DumpLogFacts {
     std::string cpif_version, rix_version;
-    std::vector<std::string> opened;  // the attempt's own files, by base name
     std::vector<RegionFacts> regions;
     bool info_saved = false;
     std::vector<StepFacts> steps;
@@ -51,8 +50,6 @@ struct DumpLogFacts {
     bool upload_failed = false;
     std::optional<uint32_t> announced;  // the dump size the CP announced, where a line says
     std::vector<std::string> errors;    // each failure line, "step: text"
-    size_t lines = 0;
-    std::string last;  // the last line
 };
 
 class DumpLogReader {
