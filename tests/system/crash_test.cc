@@ -453,9 +453,15 @@ TEST_F(Crash, DbgLowWaitsForRildAndBootsAgainWithoutEvidence) {
 }
 
 // Minidump mode: the driver is told, the dump replaces the minidump file, the property says it
-// is complete, and the daemon parks instead of sending the phone to upload mode.
-TEST_F(Crash, MinidumpModeLeavesTheDumpInItsFileAndParks) {
-    set_property("persist.sys.enable_minidump1", "1");
+// is complete, and the daemon parks instead of sending the phone to upload mode. Either of the
+// platform's two minidump properties turns it on.
+class Minidump : public Crash, public ::testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(EitherProperty, Minidump,
+                         ::testing::Values("persist.sys.enable_minidump0",
+                                           "persist.sys.enable_minidump1"));
+
+TEST_P(Minidump, ModeLeavesTheDumpInItsFileAndParks) {
+    set_property(GetParam(), "1");
     const std::string minidump = "/data/vendor/ramdump/remoteproc-mss-md.elf";
     write_file(minidump, std::string(200000, 'x'));
     boot("dump_seed 9\ndump_size 100000\ndump_steps 2\n", {"-d", "-t", "vm420", "-o", "m"},
