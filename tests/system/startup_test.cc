@@ -83,6 +83,17 @@ TEST_F(StartUp, BtlSizeRoundTripsThroughTheDriver) {
     EXPECT_EQ(modem().requests("GET_BTL_SIZE").size(), 1u) << modem().trace();
 }
 
+// A driver that refuses the new size is only logged: the size it reports goes back all the same.
+TEST_F(StartUp, RefusedBtlSizeIsLoggedAndTheDriversSizeWrittenBack) {
+    start_modem("btl_size 0x800000\nresult SET_BTL_SIZE -5\n");
+    set_property("persist.vendor.rix.btl_size", "16");
+    start_rix({"-t", "vm420"});
+    ASSERT_TRUE(wait_property("persist.vendor.rix.btl_size", "8")) << radio_log();
+    EXPECT_TRUE(
+        logged(error("Input/output error", "adjust_btl_ramsize", "Failed to IOCTL_SET_BTL_SIZE")))
+        << radio_log();
+}
+
 TEST_F(StartUp, BtlSizeIsWrittenEmptyWhenTheMemshareNodeIsMissing) {
     start_modem();
     set_property("persist.vendor.rix.btl_size", "16");
