@@ -32,7 +32,7 @@ bool number(const char* text, uint64_t& out) {
 }
 
 int image(int argc, char** argv) {
-    mkmodem::ImageSpec req;
+    mkmodem::ImageLayout req;
     for (int i = 3; i < argc; ++i) {
         std::string a = argv[i];
         uint64_t v = 0;
@@ -49,7 +49,7 @@ int image(int argc, char** argv) {
             }
             continue;
         }
-        mkmodem::PartSpec part;
+        mkmodem::PartLayout part;
         std::string err = mkmodem::parse_part(a, part);
         if (!err.empty()) {
             fprintf(stderr, "mkmodem: %s\n", err.c_str());
@@ -66,7 +66,7 @@ int image(int argc, char** argv) {
 }
 
 int nv(int argc, char** argv) {
-    mkmodem::NvSpec req;
+    mkmodem::NvLayout req;
     bool sized = false;
     for (int i = 3; i < argc; ++i) {
         std::string a = argv[i];

@@ -46,7 +46,7 @@ std::string write_erased(int fd, uint32_t size) {
     return "";
 }
 
-std::string write_valid(int fd, const NvSpec& req) {
+std::string write_valid(int fd, const NvLayout& req) {
     uint8_t header[kNvHeaderSize] = {'V', 'M', 'N', 'V', 1, 0, 0, 0};
     std::memcpy(header + kNvTotalSizeOffset, &req.total_size, 4);
     if (!put(fd, header, sizeof(header), 0)) {
@@ -77,7 +77,7 @@ std::string write_valid(int fd, const NvSpec& req) {
 
 }  // namespace
 
-std::string write_nv(const NvSpec& req, const std::string& path) {
+std::string write_nv(const NvLayout& req, const std::string& path) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         return path + ": " + strerror(errno);

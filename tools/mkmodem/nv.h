@@ -27,7 +27,7 @@ class NvChecksum {
     uint8_t low_ = 0;
 };
 
-struct NvSpec {
+struct NvLayout {
     uint32_t total_size = 0;            // data bytes
     std::string seed_name = "NV";       // pattern stream of the data
     bool erased = false;                // all 0xFF: the default file
@@ -42,6 +42,6 @@ constexpr uint64_t nv_checksum_offset(uint32_t total_size) {
 }
 
 // Writes the NV file; returns "" or the reason.
-std::string write_nv(const NvSpec& req, const std::string& path);
+std::string write_nv(const NvLayout& req, const std::string& path);
 
 }  // namespace mkmodem

@@ -38,7 +38,7 @@ uint64_t align_up(uint64_t v, uint32_t a) {
 
 // Streams one part's bytes (file, zero-padded, or the pattern) to fd at
 // b_off; returns the crc32 of what was written, or sets err.
-uint32_t stream_part(int fd, const PartSpec& p, const toc_entry& e, std::string& err) {
+uint32_t stream_part(int fd, const PartLayout& p, const toc_entry& e, std::string& err) {
     std::vector<uint8_t> buf(kBufSize);
     int src = -1;
     if (!p.file.empty() && (src = open(p.file.c_str(), O_RDONLY | O_CLOEXEC)) < 0) {
@@ -80,8 +80,8 @@ bool outside_partition(const std::string& name) {
     return name == "NV" || name == "TOC";
 }
 
-std::string parse_part(const std::string& text, PartSpec& out) {
-    out = PartSpec{};
+std::string parse_part(const std::string& text, PartLayout& out) {
+    out = PartLayout{};
     size_t colon = text.find(':');
     out.name = text.substr(0, colon);
     if (out.name.empty() || out.name.size() > kNameSize) {
@@ -122,7 +122,7 @@ std::string parse_part(const std::string& text, PartSpec& out) {
     return "";
 }
 
-std::vector<toc_entry> layout(ImageSpec& req, std::string& err) {
+std::vector<toc_entry> layout(ImageLayout& req, std::string& err) {
     std::vector<toc_entry> toc(kTocEntries);
     if (req.parts.size() > kTocEntries) {
         err = "the TOC holds at most 16 entries";
@@ -131,7 +131,7 @@ std::vector<toc_entry> layout(ImageSpec& req, std::string& err) {
     uint64_t b_cursor = align_up(kTocSize, req.align);
     uint64_t m_cursor = req.m_base;
     for (size_t i = 0; i < req.parts.size(); ++i) {
-        PartSpec& p = req.parts[i];
+        PartLayout& p = req.parts[i];
         if (!p.size) {
             struct stat st {};
             if (!p.file.empty() && stat(p.file.c_str(), &st) == 0) {
@@ -167,7 +167,7 @@ std::vector<toc_entry> layout(ImageSpec& req, std::string& err) {
     return toc;
 }
 
-std::string write_image(ImageSpec req, const std::string& path) {
+std::string write_image(ImageLayout req, const std::string& path) {
     std::string err;
     std::vector<toc_entry> toc = layout(req, err);
     if (!err.empty()) {
@@ -179,7 +179,7 @@ std::string write_image(ImageSpec req, const std::string& path) {
     }
     uint64_t end = kTocSize;
     for (size_t i = 0; i < req.parts.size() && err.empty(); ++i) {
-        const PartSpec& p = req.parts[i];
+        const PartLayout& p = req.parts[i];
         if (p.name == "TOC") {
             continue;  // the table itself, written last
         }

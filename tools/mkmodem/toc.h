@@ -19,14 +19,14 @@ inline constexpr size_t kTocEntries = ::kTocEntries;
 inline constexpr size_t kNameSize = kTocNameLen;
 
 // One part as asked for on the command line; unset fields get defaults.
-struct PartSpec {
+struct PartLayout {
     std::string name;
     std::optional<uint32_t> size, b_off, m_off, crc;
     std::string file;  // contents; default: the pattern of payload.h
 };
 
-struct ImageSpec {
-    std::vector<PartSpec> parts;
+struct ImageLayout {
+    std::vector<PartLayout> parts;
     std::optional<uint32_t> toc_count;  // default: number of parts
     uint32_t align = 0x1000;
     uint32_t m_base = 0x1000;
@@ -34,13 +34,13 @@ struct ImageSpec {
 
 // Parses "NAME[:key=value,...]" with keys size, b_off, m_off, crc, file.
 // Returns "" or the reason.
-std::string parse_part(const std::string& text, PartSpec& out);
+std::string parse_part(const std::string& text, PartLayout& out);
 
 // Fills in the defaults and returns the 16 entries; "" or the reason in err.
-std::vector<toc_entry> layout(ImageSpec& req, std::string& err);
+std::vector<toc_entry> layout(ImageLayout& req, std::string& err);
 
 // Writes the image to path, streaming each part. Returns "" or the reason.
-std::string write_image(ImageSpec req, const std::string& path);
+std::string write_image(ImageLayout req, const std::string& path);
 
 // True for parts whose bytes are not in the partition (the NV data and the
 // TOC itself, which is the table).

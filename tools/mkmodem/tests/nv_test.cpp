@@ -38,8 +38,8 @@ TEST(NvChecksum, WordsAndTheOddLastByteWrapInPiecesOfAnyLength) {
 // with corrupt); file_size cuts the file; erased is all 0xFF.
 TEST(NvFile, LayoutOfEveryKind) {
     const std::string path = ::testing::TempDir() + "/mkmodem-nv-test.bin";
-    auto written = [&](const NvSpec& spec) {
-        EXPECT_EQ(write_nv(spec, path), "");
+    auto written = [&](const NvLayout& layout) {
+        EXPECT_EQ(write_nv(layout, path), "");
         std::ifstream in(path, std::ios::binary);
         return std::vector<uint8_t>{std::istreambuf_iterator<char>(in), {}};
     };
@@ -47,11 +47,11 @@ TEST(NvFile, LayoutOfEveryKind) {
     const std::tuple<uint32_t, bool, std::optional<uint64_t>, size_t, int> rows[] = {
         {3, false, {}, 22, 0}, {1000, true, {}, 1018, 1}, {1000, false, 17, 17, -1}};
     for (const auto& [total, corrupt, cut, size, delta] : rows) {
-        NvSpec spec;
-        spec.total_size = total;
-        spec.corrupt = corrupt;
-        spec.file_size = cut;
-        const auto f = written(spec);
+        NvLayout layout;
+        layout.total_size = total;
+        layout.corrupt = corrupt;
+        layout.file_size = cut;
+        const auto f = written(layout);
         ASSERT_EQ(f.size(), size) << total;
         uint32_t stored_total = 0;
         std::memcpy(&stored_total, f.data() + kNvTotalSizeOffset, 4);
@@ -66,7 +66,7 @@ TEST(NvFile, LayoutOfEveryKind) {
             EXPECT_TRUE(total % 2 == 0 || f[at - 1] == 0xFF) << "pad of an odd TotalSize";
         }
     }
-    NvSpec erased;
+    NvLayout erased;
     erased.erased = true;
     erased.erased_size = 4096;
     EXPECT_EQ(written(erased), std::vector<uint8_t>(4096, 0xFF));

@@ -19,15 +19,15 @@ namespace {
 // Writes an image of `parts` and returns its bytes.
 std::vector<uint8_t> image_of(std::initializer_list<std::string> parts,
                               std::optional<uint32_t> count = {}) {
-    ImageSpec spec;
+    ImageLayout layout;
     for (const auto& p : parts) {
-        PartSpec part;
+        PartLayout part;
         EXPECT_EQ(parse_part(p, part), "") << p;
-        spec.parts.push_back(part);
+        layout.parts.push_back(part);
     }
-    spec.toc_count = count;
+    layout.toc_count = count;
     const std::string path = ::testing::TempDir() + "/mkmodem-toc-test.bin";
-    EXPECT_EQ(write_image(spec, path), "");
+    EXPECT_EQ(write_image(layout, path), "");
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
@@ -78,15 +78,15 @@ TEST(Image, ExplicitFieldsAndBrokenTablesOnRequest) {
 TEST(Image, RefusesWhatATocCannotHold) {
     for (const char* text : {"", "ABCDEFGHIJKLM", "BOOT:size=-1", "BOOT:size=0x100000000",
                              "BOOT:colour=1", "BOOT:size"}) {
-        PartSpec p;
+        PartLayout p;
         EXPECT_NE(parse_part(text, p), "") << text;
     }
     const std::string path = ::testing::TempDir() + "/mkmodem-toc-test.bin";
-    ImageSpec too_many;
-    too_many.parts.resize(17, PartSpec{"X", 1u, {}, {}, {}, ""});
+    ImageLayout too_many;
+    too_many.parts.resize(17, PartLayout{"X", 1u, {}, {}, {}, ""});
     EXPECT_NE(write_image(too_many, path), "");
-    ImageSpec beyond_4g;
-    beyond_4g.parts = {PartSpec{"BOOT", 0x2000u, 0xFFFFF000u, {}, {}, ""}};
+    ImageLayout beyond_4g;
+    beyond_4g.parts = {PartLayout{"BOOT", 0x2000u, 0xFFFFF000u, {}, {}, ""}};
     EXPECT_NE(write_image(beyond_4g, path), "");
 }
 
