@@ -55,6 +55,12 @@ char* put_hex(char* out, uint32_t v, int digits) {
     return out + digits;
 }
 
+// The last file's path, built afresh by each step that uses it.
+void last_file_path(char* path) {
+    snprintf(path, kSrinfoPathLen, kSrinfoPathFormat, kSrinfoErrDir, kSrinfoLastName,
+             rix_args.dev_prefix);
+}
+
 }  // namespace
 
 bool srinfo_check_block(srinfo_block* block, unsigned int* len) {
@@ -107,16 +113,14 @@ size_t srinfo_hex_row(char* out, const uint8_t* data, size_t len, size_t off) {
 }
 
 bool check_srinfo_last(char* path) {
-    snprintf(path, kSrinfoPathLen, kSrinfoPathFormat, kSrinfoErrDir, kSrinfoLastName,
-             rix_args.dev_prefix);
+    last_file_path(path);
     LOGI_AS("check_srinfo_last", "%s: full_path: %s\n", "check_srinfo_last", path);
     struct stat st;
     return stat(path, &st) == 0;
 }
 
 int create_srinfo_last(char* path) {
-    snprintf(path, kSrinfoPathLen, kSrinfoPathFormat, kSrinfoErrDir, kSrinfoLastName,
-             rix_args.dev_prefix);
+    last_file_path(path);
     LOGI_AS("create_srinfo_last", "create last_sr_info file - %s\n", path);
     int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0) {
@@ -144,8 +148,7 @@ ssize_t write_srinfo_last(int fd, const srinfo_block* block) {
 }
 
 int open_srinfo_last(char* path) {
-    snprintf(path, kSrinfoPathLen, kSrinfoPathFormat, kSrinfoErrDir, kSrinfoLastName,
-             rix_args.dev_prefix);
+    last_file_path(path);
     LOGI_AS("open_srinfo_last", "open last_sr_info file - %s\n", path);
     int fd = open(path, O_RDWR | O_CLOEXEC);
     if (fd < 0) {
