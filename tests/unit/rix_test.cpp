@@ -67,6 +67,10 @@ void RixTest::SetUp() {
     setenv("RIX_LOG_DIR", log_dir_.c_str(), 1);
     kmsg_capture_ = memfd_create("kmsg", MFD_CLOEXEC);
     ASSERT_GE(kmsg_capture_, 0);
+    // Capture threads log at the same time as the test's thread. Each write
+    // to the phone's /dev/kmsg is a record of its own; appending keeps two
+    // lines from landing at one file offset here.
+    ASSERT_EQ(fcntl(kmsg_capture_, F_SETFL, O_APPEND), 0);
     kmsg_fd = kmsg_capture_;
     Container::reset();
     debug_level = 0;
