@@ -1,38 +1,19 @@
-// The crash-reason text from an arbitrary owner, an arbitrary 512-byte
-// driver text (not necessarily terminated) and the dump record's reason.
-// Input: owner (4 bytes), driver text (512), the CP's reason (the rest, cut
-// to the record's 512 bytes).
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-
-#include "boot/boot_dump.h"
-#include "core/rix.h"
+// The crash-reason text from an arbitrary owner, an arbitrary 512-byte driver
+// text (not necessarily terminated) and the dump record's reason. Input: owner
+// (4 bytes), driver text (512), the CP's reason (the rest, cut to 512 bytes).
 #include "dump/crash_reason.h"
+#include "fuzz_support.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    int32_t owner = 0;
-    char driver[kDriverReasonLen];
-    char cp[sizeof(std_dump::reason)];
-    memset(driver, 0, sizeof(driver));
-    memset(cp, 0, sizeof(cp));
-    size_t at = 0;
-    size_t n = size < sizeof(owner) ? size : sizeof(owner);
-    memcpy(&owner, data, n);
-    at += n;
-    n = size - at < sizeof(driver) ? size - at : sizeof(driver);
-    memcpy(driver, data + at, n);
-    at += n;
-    n = size - at < sizeof(cp) ? size - at : sizeof(cp);
-    memcpy(cp, data + at, n);
-
-    // The process-wide text the upload request carries: 512 bytes in a
-    // field of 515, always terminated.
+void fuzz_one(fuzz::Input in) {
+    const auto owner = static_cast<int32_t>(in.le(4));
+    char driver[kDriverReasonLen] = {}, cp[sizeof(std_dump::reason)] = {};
+    const fuzz::Input d = in.take(sizeof(driver)), c = in.take(sizeof(cp));
+    memcpy(driver, d.data, d.size);
+    memcpy(cp, c.data, c.size);
+    // The text the upload request carries: 512 bytes in a field of 515.
     char out[kCrashReasonLen];
     memset(out, 'x', sizeof(out));
     format_cp_crash_reason(out, kCrashReasonMax, owner, cp, driver);
-    if (strnlen(out, kCrashReasonMax) >= kCrashReasonMax || out[kCrashReasonMax] != 'x') {
-        abort();
-    }
-    return 0;
+    fuzz::expect(strnlen(out, kCrashReasonMax) < kCrashReasonMax && out[kCrashReasonMax] == 'x',
+                 "crash reason terminated inside its field");
 }

@@ -1,6 +1,12 @@
-// Shared pieces of the fuzz targets: a private copy of the phone's paths so
-// the daemon's fixed file names land in scratch space, a quiet log, the CP
-// played over a socket pair, and a check that no descriptor leaks.
+// The harness every fuzz target shares. It runs once per process in a private
+// mount namespace (root needed, as for the unit tests): empty tmpfs on /data
+// and /efs, a file of our own over /proc/cmdline, the phone's group database,
+// properties and the log directory in scratch space, Android log lines
+// formatted and dropped, the kernel log copy to /dev/null (RIX_FUZZ_LOG=1
+// shows it on stderr), and "-t vm420" read as the daemon would, so the
+// controller, its records and the protocol object exist. A target defines
+// fuzz_one(); a run that leaves a descriptor open or breaks an invariant the
+// target checks with fuzz::expect aborts.
 #pragma once
 
 #include <dirent.h>
@@ -12,6 +18,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "boot/boot_dump.h"
 #include "core/rix.h"
 #include "dump/protocol.h"
 #include "log/log.h"
@@ -26,8 +35,6 @@
 
 namespace fuzz {
 
-// Scratch space on the private /data.
-inline constexpr char kScratch[] = "/data/fuzz";
 inline constexpr char kCmdline[] = "/data/fuzz/cmdline";
 
 [[noreturn]] inline void die(const char* what) {
@@ -35,24 +42,22 @@ inline constexpr char kCmdline[] = "/data/fuzz/cmdline";
     abort();
 }
 
-inline void write_file(const char* path, const uint8_t* data, size_t size) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        die(path);
+inline void expect(bool ok, const char* what) {
+    if (!ok) {
+        fprintf(stderr, "broken: %s\n", what);
+        abort();
     }
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = write(fd, data + done, size - done);
-        if (n <= 0) {
-            die(path);
-        }
-        done += static_cast<size_t>(n);
+}
+
+inline void write_file(const std::string& path, const uint8_t* data, size_t size) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size)) {
+        die(path.c_str());
     }
     close(fd);
 }
 
-// Puts a scratch file with `text` over `target` (private mount namespace).
-inline void bind_text(const char* path, const char* target, const char* text) {
+inline void bind(const char* path, const char* target, const char* text) {
     write_file(path, reinterpret_cast<const uint8_t*>(text), strlen(text));
     if (mount(path, target, nullptr, MS_BIND, nullptr) != 0) {
         die(target);
@@ -61,145 +66,74 @@ inline void bind_text(const char* path, const char* target, const char* text) {
 
 // Removes the plain files of a directory (the daemon's time-stamped files).
 inline void clear_dir(const char* path) {
-    DIR* dir = opendir(path);
-    if (dir == nullptr) {
-        return;
-    }
-    while (const dirent* e = readdir(dir)) {
-        if (e->d_type == DT_REG) {
-            unlinkat(dirfd(dir), e->d_name, 0);
+    if (DIR* dir = opendir(path)) {
+        while (const dirent* e = readdir(dir)) {
+            if (e->d_type == DT_REG) {
+                unlinkat(dirfd(dir), e->d_name, 0);
+            }
         }
-    }
-    closedir(dir);
-}
-
-// Runs once per fuzzer process: a private mount namespace (root needed, as
-// for the unit tests) with empty tmpfs on /data and /efs, a file of our own
-// over /proc/cmdline, properties in scratch space, Android log lines
-// formatted and dropped, the kernel log copy to /dev/null, and the log
-// directory in scratch space.
-inline void enter_sandbox() {
-    if (unshare(CLONE_NEWNS) != 0) {
-        die("unshare(CLONE_NEWNS) (the fuzzers need root)");
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        die("make / private");
-    }
-    for (const char* dir : {"/data", "/efs"}) {
-        mkdir(dir, 0755);
-        if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755,size=64m") != 0) {
-            die(dir);
-        }
-    }
-    mkdir(kScratch, 0755);
-    for (const char* dir : {"/data/fuzz/props", "/data/fuzz/log"}) {
-        mkdir(dir, 0755);
-    }
-    write_file(kCmdline, nullptr, 0);
-    if (mount(kCmdline, "/proc/cmdline", nullptr, MS_BIND, nullptr) != 0) {
-        die("bind over /proc/cmdline");
-    }
-    // The group database of the phone, read from files only: the host's
-    // NSS modules (systemd's userdb) cost a dozen path walks per lookup,
-    // which made every log file the daemon opens the bulk of a run.
-    bind_text("/data/fuzz/group", "/etc/group", vphone::kGroupFile);
-    bind_text("/data/fuzz/nsswitch.conf", "/etc/nsswitch.conf", vphone::kNsswitchFile);
-    setenv("RIX_PROPERTY_DIR", "/data/fuzz/props", 1);
-    setenv("RIX_LOG_DIR", "/dev/null", 1);
-    // RIX_FUZZ_LOG=1 shows the kernel log copy on stderr, to see what a
-    // single input does.
-    const char* show = getenv("RIX_FUZZ_LOG");
-    kmsg_fd = show != nullptr && show[0] == '1' ? dup(2) : open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (kmsg_fd < 0) {
-        die("/dev/null");
-    }
-    snprintf(log_dir, sizeof(log_dir), "%s", "/data/fuzz/log");
-    // A request word written after the CP end is gone must fail, not kill.
-    signal(SIGPIPE, SIG_IGN);
-}
-
-// Aborts when a run leaves a descriptor open: the lowest free descriptor
-// must be the same after the run as before it.
-// Reads "-t vm420" as the daemon would, so the controller, its records and
-// the protocol object exist.
-inline void select_modem() {
-    static char name[] = "vm420";
-    char* argv[] = {const_cast<char*>("rix"), const_cast<char*>("-t"), name, nullptr};
-    if (Container::parseArgs(3, argv) != 0) {
-        abort();
-    }
-    if (Container::protocol == nullptr) {
-        Container::protocol = new ProtocolTarn();
+        closedir(dir);
     }
 }
 
-class FdLeakCheck {
-  public:
-    FdLeakCheck() : lowest_(lowest_free()) {}
-    ~FdLeakCheck() {
-        if (lowest_free() != lowest_) {
-            fprintf(stderr, "descriptor leak: lowest free %d, was %d\n", lowest_free(), lowest_);
-            abort();
-        }
-    }
-    FdLeakCheck(const FdLeakCheck&) = delete;
-    FdLeakCheck& operator=(const FdLeakCheck&) = delete;
+inline int lowest_free_fd() {
+    int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(fd);
+    return fd;
+}
 
-  private:
-    static int lowest_free() {
-        int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        if (fd >= 0) {
-            close(fd);
-        }
-        return fd;
-    }
-    int lowest_;
-};
-
-// The input as CP messages: each one is a 16-bit little-endian length and
-// that many bytes (fewer at the end of the input). Zero-length messages are
-// kept: a read of 0 bytes is a case of its own.
-struct Message {
+// The input, read from the front: little-endian fields, then the rest.
+struct Input {
     const uint8_t* data;
     size_t size;
+
+    uint32_t le(size_t bytes) {
+        uint32_t v = 0;
+        for (size_t i = 0; i < bytes && i < size; i++) {
+            v |= static_cast<uint32_t>(data[i]) << (8 * i);
+        }
+        return skip(bytes), v;
+    }
+    Input take(size_t n) {
+        Input head{data, n < size ? n : size};
+        skip(head.size);
+        return head;
+    }
+    void skip(size_t n) {
+        n = n < size ? n : size;
+        data += n;
+        size -= n;
+    }
+    // CP messages: a 16-bit length and that many bytes (fewer at the end).
+    // Zero-length messages are kept: a read of 0 bytes is a case of its own.
+    std::vector<Input> messages() {
+        std::vector<Input> out;
+        while (size >= 2 && out.size() < 4096) {
+            const size_t len = le(2);
+            out.push_back(take(len));
+        }
+        return out;
+    }
 };
 
-inline constexpr size_t kMaxMessages = 4096;
-
-inline std::vector<Message> split_messages(const uint8_t* data, size_t size) {
-    std::vector<Message> out;
-    size_t at = 0;
-    while (at + 2 <= size && out.size() < kMaxMessages) {
-        size_t len = data[at] | (static_cast<size_t>(data[at + 1]) << 8);
-        at += 2;
-        len = len < size - at ? len : size - at;
-        out.push_back({data + at, len});
-        at += len;
-    }
-    return out;
-}
-
 // The CP end of a node: a SOCK_SEQPACKET pair (one message per read, poll
-// works). Every message is queued before the AP starts, then the CP end
-// stops sending, so the AP reads an end of file after the last one instead
-// of waiting for its time-out. Both ends get send buffers large enough for
-// the whole input and the AP's request words, so no thread has to drain
-// them (a thread per run costs more than the run). Destruction closes both.
+// works). Every message is queued before the AP starts, then the CP end stops
+// sending, so the AP reads an end of file after the last one instead of
+// waiting for its time-out. Send buffers hold the whole input and the AP's
+// request words, so no thread has to drain them. Destruction closes both.
 class CpFeed {
   public:
-    explicit CpFeed(const std::vector<Message>& msgs) {
+    explicit CpFeed(const std::vector<Input>& msgs) {
         int sv[2];
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) {
-            die("socketpair");
-        }
-        ap_ = sv[0];
-        cp_ = sv[1];
         const int room = 64 << 20;
-        if (setsockopt(ap_, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0 ||
-            setsockopt(cp_, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0) {
-            die("SO_SNDBUFFORCE (the fuzzers need root)");
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0 ||
+            setsockopt(sv[0], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0 ||
+            setsockopt(sv[1], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0) {
+            die("CP socket pair (the fuzzers need root)");
         }
-        for (const Message& m : msgs) {
+        ap = sv[0];
+        cp_ = sv[1];
+        for (const Input& m : msgs) {
             if (send(cp_, m.data, m.size, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
                 die("queue a CP message");
             }
@@ -207,18 +141,60 @@ class CpFeed {
         shutdown(cp_, SHUT_WR);
     }
     ~CpFeed() {
-        close(ap_);
+        close(ap);
         close(cp_);
     }
     CpFeed(const CpFeed&) = delete;
     CpFeed& operator=(const CpFeed&) = delete;
-
-    // The AP end, for the node descriptor of a record.
-    int ap() const { return ap_; }
+    int ap;  // the AP end, for the node descriptor of a record
 
   private:
-    int ap_ = -1;
-    int cp_ = -1;
+    int cp_;
 };
 
 }  // namespace fuzz
+
+void fuzz_one(fuzz::Input in);
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) {
+        fuzz::die("private mount namespace (the fuzzers need root)");
+    }
+    for (const char* dir : {"/data", "/efs"}) {
+        mkdir(dir, 0755);
+        if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755,size=64m") != 0) {
+            fuzz::die(dir);
+        }
+    }
+    for (const char* dir : {"/data/fuzz", "/data/fuzz/props", "/data/fuzz/log"}) {
+        mkdir(dir, 0755);
+    }
+    fuzz::bind(fuzz::kCmdline, "/proc/cmdline", "");
+    // Files only: the host's NSS modules (systemd's userdb) cost a dozen
+    // path walks per lookup, the bulk of a run that opens log files.
+    fuzz::bind("/data/fuzz/group", "/etc/group", vphone::kGroupFile);
+    fuzz::bind("/data/fuzz/nsswitch.conf", "/etc/nsswitch.conf", vphone::kNsswitchFile);
+    setenv("RIX_PROPERTY_DIR", "/data/fuzz/props", 1);
+    setenv("RIX_LOG_DIR", "/dev/null", 1);
+    const char* show = getenv("RIX_FUZZ_LOG");
+    kmsg_fd = show != nullptr && show[0] == '1' ? dup(2) : open("/dev/null", O_WRONLY | O_CLOEXEC);
+    snprintf(log_dir, sizeof(log_dir), "%s", "/data/fuzz/log");
+    // A request word written after the CP end is gone must fail, not kill.
+    signal(SIGPIPE, SIG_IGN);
+    static char name[] = "vm420";
+    char* argv[] = {const_cast<char*>("rix"), const_cast<char*>("-t"), name, nullptr};
+    if (kmsg_fd < 0 || Container::parseArgs(3, argv) != 0) {
+        fuzz::die("select vm420");
+    }
+    if (Container::protocol == nullptr) {
+        Container::protocol = new ProtocolTarn();
+    }
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const int lowest = fuzz::lowest_free_fd();
+    fuzz_one({data, size});
+    fuzz::expect(fuzz::lowest_free_fd() == lowest, "a descriptor left open");
+    return 0;
+}

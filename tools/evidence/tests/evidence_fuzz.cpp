@@ -1,62 +1,31 @@
 // The evidence reader over an arbitrary log directory: file names, dump logs,
 // info files, kernel-log captures and silent-reset hex logs as a phone might
-// leave them, cut or damaged. Input: messages (see fuzz::split_messages) in
-// pairs, a file name and its content; a name that begins with byte 1 goes
-// into err/.
-#include <sys/stat.h>
-
-#include <cstdint>
-#include <cstdlib>
+// leave them, cut or damaged. Input: CP-style messages in pairs, a file name
+// and its content; a name that begins with byte 1 goes into err/.
 #include <nlohmann/json.hpp>
-#include <string>
 
 #include "evidence.h"
 #include "fuzz_support.h"
 
-namespace {
-
-constexpr char kDir[] = "/data/fuzz/evidence";
-constexpr char kErr[] = "/data/fuzz/evidence/err";
-constexpr size_t kNameMax = 120;
-
-// Any bytes as the path of one file in the directory or in err/.
-std::string file_path(const fuzz::Message& m) {
-    std::string name(reinterpret_cast<const char*>(m.data), m.size < kNameMax ? m.size : kNameMax);
-    const bool err = !name.empty() && name[0] == '\x01';
-    name.erase(0, err ? 1 : 0);
-    for (char& c : name) {
-        c = c == '/' || c == '\0' ? '_' : c;
-    }
-    if (name.empty() || name == "." || name == ".." || name == "err") {
-        name += "_";
-    }
-    return std::string(err ? kErr : kDir) + "/" + name;
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::enter_sandbox();
-    mkdir(kDir, 0755);
-    mkdir(kErr, 0755);
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::FdLeakCheck fds;
-    fuzz::clear_dir(kDir);
-    fuzz::clear_dir(kErr);
-    const auto msgs = fuzz::split_messages(data, size);
+void fuzz_one(fuzz::Input in) {
+    static const std::string dir = "/data/fuzz/evidence", err = dir + "/err";
+    mkdir(dir.c_str(), 0755), mkdir(err.c_str(), 0755);
+    fuzz::clear_dir(dir.c_str()), fuzz::clear_dir(err.c_str());
+    const auto msgs = in.messages();
     for (size_t i = 0; i + 1 < msgs.size(); i += 2) {
-        fuzz::write_file(file_path(msgs[i]).c_str(), msgs[i + 1].data, msgs[i + 1].size);
+        std::string name(reinterpret_cast<const char*>(msgs[i].data),
+                         std::min(msgs[i].size, size_t{120}));
+        const bool in_err = !name.empty() && name[0] == '\x01';
+        name.erase(0, in_err ? 1 : 0);
+        std::replace(name.begin(), name.end(), '/', '_');
+        std::replace(name.begin(), name.end(), '\0', '_');
+        name += name.empty() || name == "." || name == ".." || name == "err" ? "_" : "";
+        fuzz::write_file((in_err ? err : dir) + "/" + name, msgs[i + 1].data, msgs[i + 1].size);
     }
-    const evidence::Report r = evidence::read_report(kDir);
-    // Every text of the report must be printable: dump() throws on bytes
-    // that are not UTF-8, and the fuzzer reports the uncaught exception.
-    const std::string json = evidence::to_json(r).dump();
-    const std::string text = evidence::to_text(r);
-    if (!r.readable || json.empty() || text.empty()) {
-        abort();
-    }
-    return 0;
+    const evidence::Report r = evidence::read_report(dir);
+    // Every text of the report must be printable: dump() throws on bytes that
+    // are not UTF-8, and the fuzzer reports the uncaught exception.
+    fuzz::expect(
+        r.readable && !evidence::to_json(r).dump().empty() && !evidence::to_text(r).empty(),
+        "a report of any directory");
 }

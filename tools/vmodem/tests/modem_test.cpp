@@ -1,57 +1,55 @@
 // The model behind the nodes, for what the system scenarios cannot see through the daemon:
 // requests the daemon never makes, the bounds of modem memory and of SET_SRINFO, a skipped last
-// frame, the benchmark marks and the escaping of the facts. The boot handshake, crashes,
-// security answers, image bytes in memory, the dump stage, log regions and the misbehaviours
-// the crash and chaos scenarios use are checked there, through the daemon.
-#include "modem.h"
-
+// frame, the benchmark marks, the escaping of the facts, the scenario lines vmodem refuses or
+// clears, and the payload generator. The boot handshake, crashes, security answers, image bytes
+// in memory, the dump stage, log regions and the misbehaviours the crash and chaos scenarios use
+// are checked there, through the daemon.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <tuple>
-#include <vector>
-
-#include <unistd.h>
 
 #include "boot/cpif.h"
 #include "control.h"
 #include "dump/udl.h"
+#include "modem.h"
+#include "payload.h"
+#include "settings.h"
 
 namespace vmodem {
 namespace {
 
 // The "caller" is this test process: addresses are plain pointers.
-class LocalMemory : public UserMemory {
-  public:
+struct LocalMemory : UserMemory {
     bool read(uint64_t addr, void* dst, size_t len) override {
-        std::memcpy(dst, reinterpret_cast<const void*>(addr), len);
-        return true;
+        return std::memcpy(dst, reinterpret_cast<const void*>(addr), len);
     }
     bool write(uint64_t addr, const void* src, size_t len) override {
-        std::memcpy(reinterpret_cast<void*>(addr), src, len);
-        return true;
+        return std::memcpy(reinterpret_cast<void*>(addr), src, len);
     }
 };
 
 class ModemTest : public ::testing::Test {
   protected:
-    void make(const std::vector<std::string>& lines) {
+    void make(std::initializer_list<const char*> lines) {
         Settings s;
         s.memory_size = memory_.size();
-        for (const auto& l : lines) {
+        for (const char* l : lines) {
             ASSERT_EQ(apply_setting(s, l), "") << l;
         }
         modem_ = std::make_unique<Modem>(s, memory_.data(), trace_);
     }
-
     // A request with its record `in` and pointer argument `arg`, as FUSE hands them over.
     int32_t io(Node node, uint32_t cmd, const void* in = nullptr, uint64_t arg = 0) {
         uint8_t out[1024] = {};
+        const size_t size = ioc_size(cmd);
         return modem_
-            ->ioctl(node, cmd, arg, in, ioc_writes_to_driver(cmd) ? ioc_size(cmd) : 0, out,
-                    ioc_reads_from_driver(cmd) ? ioc_size(cmd) : 0, user_)
+            ->ioctl(node, cmd, arg, in, ioc_writes_to_driver(cmd) ? size : 0, out,
+                    ioc_reads_from_driver(cmd) ? size : 0, user_)
             .result;
     }
     int32_t load(uint32_t m_offset, uint32_t len) {
@@ -59,130 +57,110 @@ class ModemTest : public ::testing::Test {
         return io(Node::Boot, IOCTL_LOAD_CP_IMAGE, &img);
     }
     void put(uint32_t word) { ASSERT_EQ(modem_->write(Node::Dump, &word, 4), 4); }
-    int64_t get(void* buf, size_t len) {
+    int64_t get(void* buf, size_t len = 16400) {
         return modem_->read(Node::Dump, static_cast<uint8_t*>(buf), len);
     }
-
-    // The CP in its dump boot loader, the dump stage opened and its INFO and REASON read.
-    void open_dump_stage() {
+    // The CP in its dump boot loader, the dump stage opened (answer, INFO and REASON read) and
+    // its first step asked for.
+    void start_dump_step() {
         const int32_t mode = CP_BOOT_MODE_DUMP;
         ASSERT_EQ(io(Node::Boot, IOCTL_POWER_RESET, &mode), 0);
         ASSERT_EQ(io(Node::Boot, IOCTL_START_CP_BOOTLOADER, &mode), 0);
         put(0x9D00);
-        uint8_t buf[1024];
-        for (int message = 0; message < 3; ++message) {  // the answer word, INFO, REASON
-            ASSERT_GT(get(buf, sizeof(buf)), 0) << message;
+        for (int message = 0; message < 3; ++message) {
+            ASSERT_GT(get(buf_), 0) << message;
         }
+        put(0x9D01);
     }
-    // Reads the dump node until it has nothing left to deliver.
     void drain() {
-        static uint8_t buf[16400];
-        while (get(buf, sizeof(buf)) > 0) {
+        while (get(buf_) > 0) {
         }
     }
+    std::string control(const char* line) { return control_command(*modem_, line); }
 
     std::vector<uint8_t> memory_ = std::vector<uint8_t>(1 << 20);
     std::vector<uint8_t> chunk_ = std::vector<uint8_t>(300, 0x5A);
+    uint8_t buf_[16400];
     LocalMemory user_;
     Trace trace_;
     std::unique_ptr<Modem> modem_;
 };
 
-// The daemon never sends these; the driver refuses them: an unknown code, a request on another
-// node's descriptor (unless strict_nodes is off), a boot mode that does not exist, a missing
-// pointer.
+// An unknown code, a request on another node's descriptor (unless strict_nodes is off), a boot
+// mode that does not exist, a missing pointer: refused as the driver would.
 TEST_F(ModemTest, RequestsTheDaemonNeverMakesAreRefusedAsTheDriverWould) {
     const int32_t no_mode = 7;
-    // strict_nodes, node, request, its record, result
     const std::tuple<bool, Node, uint32_t, const void*, int32_t> rows[] = {
         {true, Node::Boot, 0x6F99, nullptr, -ENOTTY},
         {false, Node::Dump, 0x6F99, nullptr, -ENOTTY},
         {true, Node::Dump, IOCTL_POWER_ON, nullptr, -ENOTTY},
         {false, Node::Dump, IOCTL_GET_MODEM_STATE, nullptr, kStateOffline},
         {true, Node::Boot, IOCTL_POWER_RESET, &no_mode, -EINVAL},
-        {true, Node::Boot, IOCTL_ENTER_UPLOAD_MODE, nullptr, -EFAULT},
-    };
+        {true, Node::Boot, IOCTL_ENTER_UPLOAD_MODE, nullptr, -EFAULT}};
     for (const auto& [strict, node, cmd, in, result] : rows) {
         make({strict ? "strict_nodes 1" : "strict_nodes 0"});
         EXPECT_EQ(io(node, cmd, in), result) << std::hex << "0x" << cmd << " strict " << strict;
     }
 }
 
-TEST_F(ModemTest, ImageChunksStayInsideModemMemory) {
-    make({});
+// Chunks stay inside modem memory (the empty last chunk of a part whose size is a multiple of
+// the chunk is fine); refused ones count nothing, neither in the facts nor in the benchmark's
+// marks. A mark counts the transfers served per kind (frames by payload bytes), the first one
+// samples the caller's CPU time, a clear starts over and image_mark_range keeps only the loads
+// that start inside it.
+TEST_F(ModemTest, ImageChunksStayInsideModemMemoryAndMarksCountWhatWasServed) {
+    make({"dump_size 20000", "dump_steps 1", "region shmem 5000"});
+    modem_->set_caller(getpid());
     EXPECT_EQ(load(0x1000, 100), -EIO) << "the CP is not powered";
     ASSERT_EQ(io(Node::Boot, IOCTL_POWER_ON), 0);
     const auto end = static_cast<uint32_t>(memory_.size());
     const std::tuple<uint32_t, uint32_t, int32_t> rows[] = {
-        {end - 99, 100, -EINVAL},
-        {end, 1, -EINVAL},
-        {0xFFFFFFF0u, 100, -EINVAL},
-        {end, 0, 0},  // the empty last chunk of a part whose size is a multiple of the chunk
-        {end - 100, 100, 0}};
+        {end - 99, 100, -EINVAL}, {end, 1, -EINVAL}, {0xFFFFFFF0u, 100, -EINVAL}, {end, 0, 0},
+        {end - 100, 100, 0},      {0x2000, 200, 0}};
     for (const auto& [m_offset, len, result] : rows) {
         EXPECT_EQ(load(m_offset, len), result) << m_offset << "+" << len;
     }
     EXPECT_EQ(std::memcmp(memory_.data() + end - 100, chunk_.data(), 100), 0);
-    EXPECT_EQ(modem_->facts().image_bytes, 100u) << "refused chunks count nothing";
-}
-
-// Regression: a step whose last frame is skipped ends with the frame before it, so poll never
-// reports data that no read delivers. The frames carry the scenario's command word (chaos sets
-// it and would not notice if it did nothing).
-TEST_F(ModemTest, SkippedLastFrameLeavesNothingToPoll) {
-    make({"dump_size 50000", "dump_steps 1", "frame_skip 1 4", "frame_command 1 0xAD02"});
-    open_dump_stage();
-    put(0x9D01);
-    static udl::std_ul_frame f;
-    for (uint32_t frame = 1; frame <= 3; ++frame) {
-        ASSERT_EQ(modem_->poll_mask(Node::Dump), kPollIn) << frame;
-        ASSERT_EQ(get(&f, sizeof(f)), 16400) << frame;
-        EXPECT_EQ(f.header.curr_frame, frame);
-        EXPECT_EQ(f.header.command, 0xAD02u);
-    }
-    EXPECT_EQ(modem_->poll_mask(Node::Dump), 0u);
-    EXPECT_EQ(get(&f, sizeof(f)), -EAGAIN);
-}
-
-// The benchmark's timing: each kind counts only the transfers served (frames by payload bytes),
-// the first one samples the caller's CPU time, a clear starts over, and image_mark_range keeps
-// only the loads that start inside it.
-TEST_F(ModemTest, BulkMarksCountServedTransfersPerKind) {
-    make({"dump_size 20000", "dump_steps 1", "region shmem 5000"});
-    modem_->set_caller(getpid());
-    ASSERT_EQ(io(Node::Boot, IOCTL_POWER_ON), 0);
-    ASSERT_EQ(load(0x1000, 300), 0);
-    ASSERT_EQ(load(1 << 20, 1), -EINVAL);
-    ASSERT_EQ(load(0x2000, 200), 0);
+    EXPECT_EQ(modem_->facts().image_bytes, 300u);
     cp_log_dump_info region{};
     std::strcpy(region.name, "shmem");
     ASSERT_EQ(io(Node::Dump, IOCTL_GET_LOG_DUMP, &region), 0);
     drain();
-    open_dump_stage();
-    put(0x9D01);
+    start_dump_step();
     drain();
-
     const BulkMark& image = modem_->mark(Bulk::Image);
-    EXPECT_GT(image.first_ns, 0u);
-    EXPECT_GE(image.last_ns, image.first_ns);
-    EXPECT_GE(image.cpu_at_first, 0);
-    const std::string marks = control_command(*modem_, "query marks");
-    EXPECT_EQ(marks.rfind("ok image=2:500:", 0), 0u) << marks;
+    EXPECT_TRUE(image.first_ns > 0 && image.last_ns >= image.first_ns && image.cpu_at_first >= 0);
+    const std::string marks = control("query marks");
+    EXPECT_EQ(marks.rfind("ok image=3:300:", 0), 0u) << marks;
     EXPECT_NE(marks.find(" frame=2:20000:"), std::string::npos) << marks;
     EXPECT_NE(marks.find(" region=2:5000:"), std::string::npos) << marks;
-    EXPECT_EQ(control_command(*modem_, "marks_clear"), "ok");
-    EXPECT_EQ(control_command(*modem_, "query marks"),
-              "ok image=0:0:0:0:-1 frame=0:0:0:0:-1 region=0:0:0:0:-1");
-
-    EXPECT_EQ(control_command(*modem_, "set image_mark_range 0x2000 0x2001"), "ok");
+    EXPECT_EQ(control("marks_clear"), "ok");
+    EXPECT_EQ(control("query marks"), "ok image=0:0:0:0:-1 frame=0:0:0:0:-1 region=0:0:0:0:-1");
+    EXPECT_EQ(control("set image_mark_range 0x2000 0x2001"), "ok");
     for (uint32_t m_offset : {0x1FFFu, 0x2001u, 0x2000u}) {
         ASSERT_EQ(load(m_offset, 200), 0);
     }
-    EXPECT_EQ(control_command(*modem_, "query marks").rfind("ok image=1:200:", 0), 0u);
+    EXPECT_EQ(control("query marks").rfind("ok image=1:200:", 0), 0u);
 }
 
-// SET_SRINFO refuses more than a block holds, and the bytes handed back reach `query facts`
-// escaped, so its reply stays one parseable line.
+// Regression: a step whose last frame is skipped ends with the frame before it, so poll never
+// reports data that no read delivers. The frames carry the scenario's command word.
+TEST_F(ModemTest, SkippedLastFrameLeavesNothingToPoll) {
+    make({"dump_size 50000", "dump_steps 1", "frame_skip 1 4", "frame_command 1 0xAD02"});
+    start_dump_step();
+    const auto* f = reinterpret_cast<const udl::std_ul_frame*>(buf_);
+    for (uint32_t frame = 1; frame <= 3; ++frame) {
+        ASSERT_EQ(modem_->poll_mask(Node::Dump), kPollIn) << frame;
+        ASSERT_EQ(get(buf_), 16400) << frame;
+        EXPECT_EQ(f->header.curr_frame, frame);
+        EXPECT_EQ(f->header.command, 0xAD02u);
+    }
+    EXPECT_EQ(modem_->poll_mask(Node::Dump), 0u);
+    EXPECT_EQ(get(buf_), -EAGAIN);
+}
+
+// SET_SRINFO refuses more than a block holds; the bytes handed back reach `query facts` escaped,
+// so its reply stays one parseable line.
 TEST_F(ModemTest, SrinfoHandBackIsBoundedAndEscapedInTheFacts) {
     make({});
     srinfo_block block{};
@@ -190,13 +168,82 @@ TEST_F(ModemTest, SrinfoHandBackIsBoundedAndEscapedInTheFacts) {
     block.len = static_cast<uint32_t>(restored.size());
     std::memcpy(block.data, restored.data(), restored.size());
     ASSERT_EQ(io(Node::Boot, IOCTL_SET_SRINFO, nullptr, reinterpret_cast<uintptr_t>(&block)), 0);
-    const std::string facts = control_command(*modem_, "query facts");
+    const std::string facts = control("query facts");
     EXPECT_EQ(facts.substr(facts.find(" srinfo_restored=")),
-              " srinfo_restored=\"a\\\"b\\\\c\\x0A\\x01\\xFF\"")
-        << facts;
+              " srinfo_restored=\"a\\\"b\\\\c\\x0A\\x01\\xFF\"");
     block.len = 4093;
     EXPECT_EQ(io(Node::Boot, IOCTL_SET_SRINFO, nullptr, reinterpret_cast<uintptr_t>(&block)),
               -EINVAL);
+}
+
+// The scenarios only write lines that are accepted: the notations, the refusals, a scenario
+// file's comments and the number of the line it refuses are checked here.
+TEST(Settings, NumbersInEveryNotationAndLinesItCannotHonour) {
+    for (const auto& [text, want] : std::map<const char*, int64_t>{
+             {"0x00FEED04", 0x00FEED04}, {"-5", -5}, {"010", 8}, {"0xCAE20020", 0xCAE20020}}) {
+        int64_t v = 0;
+        EXPECT_TRUE(parse_int(text, v) && v == want) << text << " read as " << v;
+    }
+    for (const char* line :
+         {"dump_size 12abc", "dump_size -", "dump_size 0x", "dump_size 09", "dump_size 1.5",
+          "dump_size 0x100000000", "no_such_key 1", "frame_payload 16385", "frame_payload 0",
+          "frame_skip 1", "frame_size_field 1 1 2 3", "cpif_version 123456789012345678901",
+          "result NO_SUCH_REQUEST 1", "result POWER_ON 0x1FFFFFFFF", "security -1 0",
+          "answer 0x900D maybe", "strict_nodes 2", "region_chunk 0",
+          "image_mark_range 0x3000 0x2000"}) {
+        Settings s;
+        EXPECT_NE(apply_setting(s, line), "") << line;
+    }
+    const std::string path = ::testing::TempDir() + "/vmodem-settings-test";
+    std::ofstream(path) << "# comment\n\n  dump_reason CP crashed: assert at x.c:12\n"
+                        << "  # indented\ndump_steps x\n";
+    Settings s;
+    EXPECT_EQ(load_scenario(s, path), "line 5: not a number: x");
+    EXPECT_EQ(s.dump_reason, "CP crashed: assert at x.c:12") << "a text keeps its blanks";
+}
+
+// The chaos runs make the CP behave again with misbehave_clear and undo each forced result with
+// `result NAME default`; answers per security mode and other results stay.
+TEST(Settings, MisbehaveClearUndoesEveryMisbehaviourAndNothingElse) {
+    Settings s;
+    for (const char* line :
+         {"security 2 11", "result IOCTL_CHECK_SECURITY 0xCAE20020", "result POWER_ON -5",
+          "answer 0x900D 0xA00E", "answer 0x9D00 none", "frame_size_field 2 1 16385",
+          "frame_skip 1 3", "frame_command 1 0xAD02", "info_reason_len 600", "info_num_steps 300",
+          "info_dump_size_delta -1", "region_zero_reads 1", "srinfo_marker 0x12345678",
+          "crash_reason_unterminated 1", "misbehave_clear 1", "result POWER_ON default"}) {
+        ASSERT_EQ(apply_setting(s, line), "") << line;
+    }
+    EXPECT_TRUE(s.answers.empty() && s.frame_size_field.empty() && s.frame_skip.empty() &&
+                s.frame_command.empty() && !s.info_reason_len && !s.info_num_steps &&
+                s.info_dump_size_delta == 0 && !s.region_zero_reads && !s.srinfo_marker &&
+                !s.crash_reason_unterminated);
+    EXPECT_EQ(s.security, (std::map<uint32_t, int32_t>{{2, 11}}));
+    EXPECT_EQ(
+        s.results,
+        (std::map<uint32_t, int32_t>{{IOCTL_CHECK_SECURITY, static_cast<int32_t>(0xCAE20020u)}}));
+}
+
+// The crash scenarios compare dump and region files with these streams: splitmix64 (its first
+// outputs for seed 0 are published reference values), bytes in little-endian order, fill()
+// equal to byte_at() at any offset and length, streams that depend on seed and name.
+TEST(Payload, IsSplitmix64PerStream) {
+    EXPECT_EQ(payload::word_at(0, 1), 0xE220A8397B1DCDAFull);
+    EXPECT_EQ(payload::word_at(0, 2), 0x6E789E6AA1B965F4ull);
+    EXPECT_EQ(payload::byte_at(0, 8), 0xAF);
+    EXPECT_EQ(payload::byte_at(0, 15), 0xE2);
+    for (uint64_t off : {0ull, 1ull, 7ull, 8ull, 13ull, 16380ull}) {
+        for (size_t len : {0u, 1u, 5u, 8u, 9u, 33u, 100u}) {
+            std::vector<uint8_t> buf(len);
+            payload::fill(42, off, buf.data(), len);
+            for (size_t i = 0; i < len; ++i) {
+                ASSERT_EQ(buf[i], payload::byte_at(42, off + i)) << off << "+" << i;
+            }
+        }
+    }
+    EXPECT_NE(payload::stream_seed(1, "shmem"), payload::stream_seed(1, "vss"));
+    EXPECT_NE(payload::stream_seed(1, "shmem"), payload::stream_seed(2, "shmem"));
+    EXPECT_NE(payload::word_at(1, 0), payload::word_at(2, 0));
 }
 
 }  // namespace
