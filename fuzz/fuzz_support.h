@@ -9,7 +9,6 @@
 // target checks with fuzz::expect aborts.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -24,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -64,53 +64,30 @@ inline void bind(const char* path, const char* target, const char* text) {
     }
 }
 
-// Removes the plain files of a directory (the daemon's time-stamped files).
-inline void clear_dir(const char* path) {
-    if (DIR* dir = opendir(path)) {
-        while (const dirent* e = readdir(dir)) {
-            if (e->d_type == DT_REG) {
-                unlinkat(dirfd(dir), e->d_name, 0);
-            }
-        }
-        closedir(dir);
-    }
-}
-
-inline int lowest_free_fd() {
-    int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    close(fd);
-    return fd;
-}
-
-// The input, read from the front: little-endian fields, then the rest.
+// The input, read from the front: little-endian fields, pieces, CP messages.
 struct Input {
     const uint8_t* data;
     size_t size;
 
-    uint32_t le(size_t bytes) {
-        uint32_t v = 0;
-        for (size_t i = 0; i < bytes && i < size; i++) {
-            v |= static_cast<uint32_t>(data[i]) << (8 * i);
-        }
-        return skip(bytes), v;
-    }
     Input take(size_t n) {
-        Input head{data, n < size ? n : size};
-        skip(head.size);
+        const Input head{data, std::min(n, size)};
+        data += head.size, size -= head.size;
         return head;
     }
-    void skip(size_t n) {
-        n = n < size ? n : size;
-        data += n;
-        size -= n;
+    uint32_t le(size_t bytes) {
+        const Input field = take(bytes);
+        uint32_t v = 0;
+        for (size_t i = 0; i < field.size; i++) {
+            v |= uint32_t{field.data[i]} << (8 * i);
+        }
+        return v;
     }
-    // CP messages: a 16-bit length and that many bytes (fewer at the end).
-    // Zero-length messages are kept: a read of 0 bytes is a case of its own.
+    // Each a 16-bit length and that many bytes (fewer at the end). Zero-length
+    // messages are kept: a read of 0 bytes is a case of its own.
     std::vector<Input> messages() {
         std::vector<Input> out;
         while (size >= 2 && out.size() < 4096) {
-            const size_t len = le(2);
-            out.push_back(take(len));
+            out.push_back(take(le(2)));
         }
         return out;
     }
@@ -121,35 +98,24 @@ struct Input {
 // sending, so the AP reads an end of file after the last one instead of
 // waiting for its time-out. Send buffers hold the whole input and the AP's
 // request words, so no thread has to drain them. Destruction closes both.
-class CpFeed {
-  public:
+struct CpFeed {
+    int ap, cp;
     explicit CpFeed(const std::vector<Input>& msgs) {
-        int sv[2];
-        const int room = 64 << 20;
+        int sv[2], room = 64 << 20;
         if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0 ||
             setsockopt(sv[0], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0 ||
             setsockopt(sv[1], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0) {
             die("CP socket pair (the fuzzers need root)");
         }
-        ap = sv[0];
-        cp_ = sv[1];
+        ap = sv[0], cp = sv[1];
         for (const Input& m : msgs) {
-            if (send(cp_, m.data, m.size, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+            if (send(cp, m.data, m.size, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
                 die("queue a CP message");
             }
         }
-        shutdown(cp_, SHUT_WR);
+        shutdown(cp, SHUT_WR);
     }
-    ~CpFeed() {
-        close(ap);
-        close(cp_);
-    }
-    CpFeed(const CpFeed&) = delete;
-    CpFeed& operator=(const CpFeed&) = delete;
-    int ap;  // the AP end, for the node descriptor of a record
-
-  private:
-    int cp_;
+    ~CpFeed() { close(ap), close(cp); }
 };
 
 }  // namespace fuzz
@@ -193,8 +159,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const int lowest = fuzz::lowest_free_fd();
+    auto lowest_free = [] {
+        const int fd = dup(2);
+        return close(fd), fd;
+    };
+    const int before = lowest_free();
     fuzz_one({data, size});
-    fuzz::expect(fuzz::lowest_free_fd() == lowest, "a descriptor left open");
+    fuzz::expect(lowest_free() == before, "a descriptor left open");
     return 0;
 }

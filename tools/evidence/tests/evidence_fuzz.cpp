@@ -9,8 +9,8 @@
 
 void fuzz_one(fuzz::Input in) {
     static const std::string dir = "/data/fuzz/evidence", err = dir + "/err";
-    mkdir(dir.c_str(), 0755), mkdir(err.c_str(), 0755);
-    fuzz::clear_dir(dir.c_str()), fuzz::clear_dir(err.c_str());
+    std::filesystem::remove_all(dir);
+    std::filesystem::create_directories(err);
     const auto msgs = in.messages();
     for (size_t i = 0; i + 1 < msgs.size(); i += 2) {
         std::string name(reinterpret_cast<const char*>(msgs[i].data),

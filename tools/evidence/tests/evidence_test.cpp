@@ -55,10 +55,7 @@ std::string hex_entry(int day, const std::string& text) {
     uint8_t data[kSrinfoDataLen] = {'V', 'M', 'S', 'R', 1};
     std::copy(text.begin(), text.end(), data + kSrinfoTextOffset);
     struct tm tm = {};
-    tm.tm_year = 126;
-    tm.tm_mon = 10;
-    tm.tm_mday = day;
-    tm.tm_hour = 8;
+    strptime(("2026-11-" + std::to_string(day) + " 08").c_str(), "%Y-%m-%d %H", &tm);
     char out[kSrinfoEntryMax];
     return {out, srinfo_hex_entry(out, tm, data, kSrinfoTextOffset + text.size())};
 }
@@ -74,9 +71,10 @@ std::vector<Case> cases() {
     const std::string cut = hex_entry(23, R"({"JVER":"x","why":"rotated"})");
     const size_t two_lines = cut.find('\n', cut.find('\n') + 1) + 1;
     Files renamed = attempt(S1, K1);
-    renamed.erase("cpcrash_umts_dump_" + S1 + ".log");
-    renamed.erase("cpcrash_shmem_dump_umts_" + S1 + ".log");
-    renamed.erase("cpcrash_umts_klog_before_" + K1 + ".log");
+    for (const std::string& gone :
+         {"umts_dump_" + S1, "shmem_dump_umts_" + S1, "umts_klog_before_" + K1}) {
+        renamed.erase("cpcrash_" + gone + ".log");
+    }
     renamed["cpcrash_umts_dump_" + S1 + ".log.1"] = "";
     renamed["cpcrash_umts_klog_before_202611231903_28.log"] = "an hour before";
     return {

@@ -38,39 +38,34 @@ std::vector<uint8_t> image_of(std::initializer_list<std::string> parts,
 }
 
 toc_entry entry(const std::vector<uint8_t>& image, size_t i) {
-    toc_entry e{};
-    std::memcpy(&e, image.data() + i * sizeof(e), sizeof(e));
-    return e;
+    return reinterpret_cast<const toc_entry*>(image.data())[i];
 }
 
 // Top bits of a modem offset are kept and the next part follows its low 30 bits. Part bytes are
 // the pattern (zeros would let the boot scenarios' memory comparison pass a chunk loaded at the
 // wrong offset) and the crc32s, which the daemon does not check, cover the bytes and the table.
-TEST(Image, TopBitsOfModemOffsetsPatternAndCrcs) {
+// On request: a part from a file, padded to its size at the given offset with the given crc; a
+// TOC at modem offset 0; a 12-character name without terminator; a count of 1. Refused: what a
+// TOC cannot hold.
+TEST(Image, LayoutFieldsOnRequestAndRefusals) {
     auto image = image_of({"TOC", "MAIN:size=70000,m_off=0xC0200000", "VSS:size=100"});
     const toc_entry toc = entry(image, 0), main = entry(image, 1), vss = entry(image, 2);
-    EXPECT_EQ(main.m_off, 0xC0200000u);
-    EXPECT_EQ(vss.m_off, 0x200000u + 0x12000u);
+    EXPECT_EQ(std::tie(main.m_off, vss.m_off), std::make_tuple(0xC0200000u, 0x212000u));
     for (uint32_t i : {0u, 1u, 63487u, 69999u}) {
         EXPECT_EQ(image[main.b_off + i], payload::byte_at(payload::stream_seed(0, "MAIN"), i)) << i;
     }
     EXPECT_EQ(main.crc, crc32(0, image.data() + main.b_off, main.size));
     std::memset(image.data() + offsetof(toc_entry, crc), 0, 4);
     EXPECT_EQ(toc.crc, crc32(0, image.data(), kTocSize));
-}
 
-// A part from a file, padded to its size at the given offset with the given crc; a TOC at modem
-// offset 0; a 12-character name without terminator (the next part aligned after BOOT); a count
-// of 1. Refused: what a TOC cannot hold.
-TEST(Image, ExplicitFieldsAndBrokenTablesOnRequest) {
     const std::string file = ::testing::TempDir() + "/mkmodem-test.part";
     std::ofstream(file) << "hello";
-    const auto image = image_of(
+    image = image_of(
         {"BOOT:file=" + file + ",size=8,b_off=0x800,crc=7", "TOC:m_off=0", "ABCDEFGHIJKL:size=1"},
         1);
-    const toc_entry boot = entry(image, 0), toc = entry(image, 1), twelve = entry(image, 2);
+    const toc_entry boot = entry(image, 0), toc0 = entry(image, 1), twelve = entry(image, 2);
     EXPECT_EQ(std::string(boot.name, 5), std::string("BOOT\0", 5));
-    EXPECT_EQ(std::tie(boot.toc_count, boot.b_off, boot.crc, toc.m_off, twelve.b_off),
+    EXPECT_EQ(std::tie(boot.toc_count, boot.b_off, boot.crc, toc0.m_off, twelve.b_off),
               std::make_tuple(1u, 0x800u, 7u, 0u, 0x1000u));
     EXPECT_EQ(std::string(image.begin() + 0x800, image.begin() + 0x808),
               std::string("hello\0\0\0", 8));

@@ -177,13 +177,16 @@ TEST_F(ModemTest, SrinfoHandBackIsBoundedAndEscapedInTheFacts) {
 }
 
 // The scenarios only write lines that are accepted: the notations, the refusals, a scenario
-// file's comments and the number of the line it refuses are checked here.
-TEST(Settings, NumbersInEveryNotationAndLinesItCannotHonour) {
+// file's comments and the number of the line it refuses are checked here. The chaos runs make
+// the CP behave again with misbehave_clear and undo each forced result with `result NAME
+// default`; answers per security mode and other results stay.
+TEST(Settings, NotationsRefusalsAndWhatMisbehaveClearLeaves) {
     for (const auto& [text, want] : std::map<const char*, int64_t>{
              {"0x00FEED04", 0x00FEED04}, {"-5", -5}, {"010", 8}, {"0xCAE20020", 0xCAE20020}}) {
         int64_t v = 0;
         EXPECT_TRUE(parse_int(text, v) && v == want) << text << " read as " << v;
     }
+    Settings s;
     for (const char* line :
          {"dump_size 12abc", "dump_size -", "dump_size 0x", "dump_size 09", "dump_size 1.5",
           "dump_size 0x100000000", "no_such_key 1", "frame_payload 16385", "frame_payload 0",
@@ -191,21 +194,13 @@ TEST(Settings, NumbersInEveryNotationAndLinesItCannotHonour) {
           "result NO_SUCH_REQUEST 1", "result POWER_ON 0x1FFFFFFFF", "security -1 0",
           "answer 0x900D maybe", "strict_nodes 2", "region_chunk 0",
           "image_mark_range 0x3000 0x2000"}) {
-        Settings s;
         EXPECT_NE(apply_setting(s, line), "") << line;
     }
     const std::string path = ::testing::TempDir() + "/vmodem-settings-test";
     std::ofstream(path) << "# comment\n\n  dump_reason CP crashed: assert at x.c:12\n"
                         << "  # indented\ndump_steps x\n";
-    Settings s;
     EXPECT_EQ(load_scenario(s, path), "line 5: not a number: x");
     EXPECT_EQ(s.dump_reason, "CP crashed: assert at x.c:12") << "a text keeps its blanks";
-}
-
-// The chaos runs make the CP behave again with misbehave_clear and undo each forced result with
-// `result NAME default`; answers per security mode and other results stay.
-TEST(Settings, MisbehaveClearUndoesEveryMisbehaviourAndNothingElse) {
-    Settings s;
     for (const char* line :
          {"security 2 11", "result IOCTL_CHECK_SECURITY 0xCAE20020", "result POWER_ON -5",
           "answer 0x900D 0xA00E", "answer 0x9D00 none", "frame_size_field 2 1 16385",
