@@ -13,12 +13,10 @@ enum : uint32_t { kDumpMode = 1, kNvChecksum = 2, kReinitVss = 4, kNoNvFile = 8,
 // Size of the partition's (last) NV entry, as the daemon reads the table: a
 // short partition leaves the rest zero.
 uint32_t nv_entry_size(fuzz::Input part) {
-    uint8_t table[kTocSize] = {};
-    memcpy(table, part.data, part.size < sizeof(table) ? part.size : sizeof(table));
+    toc_entry table[kTocEntries] = {};
+    memcpy(table, part.data, std::min(part.size, sizeof(table)));
     uint32_t found = 0;
-    for (size_t i = 0; i < kTocEntries; i++) {
-        toc_entry e;
-        memcpy(&e, table + i * sizeof(toc_entry), sizeof(e));
+    for (const toc_entry& e : table) {
         found = toc_name_is(e, "NV") ? e.size : found;
     }
     return found;
@@ -50,10 +48,11 @@ void fuzz_one(fuzz::Input in) {
                        ((flags & kReinitVss) != 0 ? BOPT_REINIT_VSS : 0);
     BootDump* bd = Container::bootDump;
     if (bd->prepare_boot_args((flags & kDumpMode) != 0 ? CP_BOOT_MODE_DUMP : CP_BOOT_MODE_NORMAL)) {
-        const std_boot* b = Container::getStdBoot();
         // The stage table has 13 slots; nothing may stand for more.
-        fuzz::expect(b->last_stage == kNoStage || b->last_stage < kStageSlots, "last stage");
-        fuzz::expect(b->first_stage <= 1, "first stage");
+        const std_boot* b = Container::getStdBoot();
+        fuzz::expect(
+            (b->last_stage == kNoStage || b->last_stage < kStageSlots) && b->first_stage <= 1,
+            "stages inside the table");
         bd->std_boot_close_args();
     }
 }

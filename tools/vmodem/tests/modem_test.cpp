@@ -44,11 +44,12 @@ class ModemTest : public ::testing::Test {
         modem_ = std::make_unique<Modem>(s, memory_.data(), trace_);
     }
     // A request with its record `in` and pointer argument `arg`, as FUSE hands them over.
-    int32_t io(Node node, uint32_t cmd, const void* in = nullptr, uint64_t arg = 0) {
+    int32_t io(Node node, uint32_t cmd, const void* in = nullptr, const void* arg = nullptr) {
         uint8_t out[1024] = {};
         const size_t size = ioc_size(cmd);
         return modem_
-            ->ioctl(node, cmd, arg, in, ioc_writes_to_driver(cmd) ? size : 0, out,
+            ->ioctl(node, cmd, reinterpret_cast<uintptr_t>(arg), in,
+                    ioc_writes_to_driver(cmd) ? size : 0, out,
                     ioc_reads_from_driver(cmd) ? size : 0, user_)
             .result;
     }
@@ -56,24 +57,15 @@ class ModemTest : public ::testing::Test {
         const cp_image img{reinterpret_cast<uintptr_t>(chunk_.data()), len, m_offset, 0, 0, len};
         return io(Node::Boot, IOCTL_LOAD_CP_IMAGE, &img);
     }
-    void put(uint32_t word) { ASSERT_EQ(modem_->write(Node::Dump, &word, 4), 4); }
-    int64_t get(void* buf, size_t len = 16400) {
-        return modem_->read(Node::Dump, static_cast<uint8_t*>(buf), len);
-    }
+    int64_t get() { return modem_->read(Node::Dump, buf_, sizeof(buf_)); }
     // The CP in its dump boot loader, the dump stage opened (answer, INFO and REASON read) and
     // its first step asked for.
     void start_dump_step() {
         const int32_t mode = CP_BOOT_MODE_DUMP;
         ASSERT_EQ(io(Node::Boot, IOCTL_POWER_RESET, &mode), 0);
         ASSERT_EQ(io(Node::Boot, IOCTL_START_CP_BOOTLOADER, &mode), 0);
-        put(0x9D00);
-        for (int message = 0; message < 3; ++message) {
-            ASSERT_GT(get(buf_), 0) << message;
-        }
-        put(0x9D01);
-    }
-    void drain() {
-        while (get(buf_) > 0) {
+        for (uint32_t word : {0x9D00u, 0u, 0u, 0u, 0x9D01u}) {  // read the answer, INFO, REASON
+            ASSERT_TRUE(word ? modem_->write(Node::Dump, &word, 4) == 4 : get() > 0) << word;
         }
     }
     std::string control(const char* line) { return control_command(*modem_, line); }
@@ -86,21 +78,30 @@ class ModemTest : public ::testing::Test {
     std::unique_ptr<Modem> modem_;
 };
 
-// An unknown code, a request on another node's descriptor (unless strict_nodes is off), a boot
-// mode that does not exist, a missing pointer: refused as the driver would.
-TEST_F(ModemTest, RequestsTheDaemonNeverMakesAreRefusedAsTheDriverWould) {
+// Requests the daemon never makes are refused as the driver would: an unknown code, a request on
+// another node's descriptor (unless strict_nodes is off), a boot mode that does not exist, a
+// missing pointer, a silent-reset block longer than a block holds. The bytes of a block handed
+// back reach `query facts` escaped, so its reply stays one parseable line.
+TEST_F(ModemTest, RequestsTheDaemonNeverMakesAreRefusedAndFactsEscaped) {
     const int32_t no_mode = 7;
-    const std::tuple<bool, Node, uint32_t, const void*, int32_t> rows[] = {
-        {true, Node::Boot, 0x6F99, nullptr, -ENOTTY},
-        {false, Node::Dump, 0x6F99, nullptr, -ENOTTY},
-        {true, Node::Dump, IOCTL_POWER_ON, nullptr, -ENOTTY},
-        {false, Node::Dump, IOCTL_GET_MODEM_STATE, nullptr, kStateOffline},
-        {true, Node::Boot, IOCTL_POWER_RESET, &no_mode, -EINVAL},
-        {true, Node::Boot, IOCTL_ENTER_UPLOAD_MODE, nullptr, -EFAULT}};
-    for (const auto& [strict, node, cmd, in, result] : rows) {
+    srinfo_block too_long{.len = 4093, .data = {}}, block{.len = 8, .data = "a\"b\\c\n\x01\xFF"};
+    const std::tuple<bool, Node, uint32_t, const void*, const void*, int32_t> rows[] = {
+        {true, Node::Boot, 0x6F99, nullptr, nullptr, -ENOTTY},
+        {false, Node::Dump, 0x6F99, nullptr, nullptr, -ENOTTY},
+        {true, Node::Dump, IOCTL_POWER_ON, nullptr, nullptr, -ENOTTY},
+        {false, Node::Dump, IOCTL_GET_MODEM_STATE, nullptr, nullptr, kStateOffline},
+        {true, Node::Boot, IOCTL_POWER_RESET, &no_mode, nullptr, -EINVAL},
+        {true, Node::Boot, IOCTL_ENTER_UPLOAD_MODE, nullptr, nullptr, -EFAULT},
+        {true, Node::Boot, IOCTL_SET_SRINFO, nullptr, &too_long, -EINVAL},
+        {true, Node::Boot, IOCTL_SET_SRINFO, nullptr, &block, 0}};
+    for (const auto& [strict, node, cmd, in, arg, result] : rows) {
         make({strict ? "strict_nodes 1" : "strict_nodes 0"});
-        EXPECT_EQ(io(node, cmd, in), result) << std::hex << "0x" << cmd << " strict " << strict;
+        EXPECT_EQ(io(node, cmd, in, arg), result)
+            << std::hex << "0x" << cmd << " strict " << strict;
     }
+    const std::string facts = control("query facts");
+    EXPECT_EQ(facts.substr(facts.find(" srinfo_restored=")),
+              " srinfo_restored=\"a\\\"b\\\\c\\x0A\\x01\\xFF\"");
 }
 
 // Chunks stay inside modem memory (the empty last chunk of a part whose size is a multiple of
@@ -125,9 +126,11 @@ TEST_F(ModemTest, ImageChunksStayInsideModemMemoryAndMarksCountWhatWasServed) {
     cp_log_dump_info region{};
     std::strcpy(region.name, "shmem");
     ASSERT_EQ(io(Node::Dump, IOCTL_GET_LOG_DUMP, &region), 0);
-    drain();
+    while (get() > 0) {
+    }
     start_dump_step();
-    drain();
+    while (get() > 0) {
+    }
     const BulkMark& image = modem_->mark(Bulk::Image);
     EXPECT_TRUE(image.first_ns > 0 && image.last_ns >= image.first_ns && image.cpu_at_first >= 0);
     const std::string marks = control("query marks");
@@ -151,29 +154,12 @@ TEST_F(ModemTest, SkippedLastFrameLeavesNothingToPoll) {
     const auto* f = reinterpret_cast<const udl::std_ul_frame*>(buf_);
     for (uint32_t frame = 1; frame <= 3; ++frame) {
         ASSERT_EQ(modem_->poll_mask(Node::Dump), kPollIn) << frame;
-        ASSERT_EQ(get(buf_), 16400) << frame;
-        EXPECT_EQ(f->header.curr_frame, frame);
-        EXPECT_EQ(f->header.command, 0xAD02u);
+        ASSERT_EQ(get(), 16400) << frame;
+        EXPECT_EQ(std::tie(f->header.curr_frame, f->header.command),
+                  std::make_tuple(frame, 0xAD02u));
     }
     EXPECT_EQ(modem_->poll_mask(Node::Dump), 0u);
-    EXPECT_EQ(get(buf_), -EAGAIN);
-}
-
-// SET_SRINFO refuses more than a block holds; the bytes handed back reach `query facts` escaped,
-// so its reply stays one parseable line.
-TEST_F(ModemTest, SrinfoHandBackIsBoundedAndEscapedInTheFacts) {
-    make({});
-    srinfo_block block{};
-    const std::string restored = "a\"b\\c\n\x01\xFF";
-    block.len = static_cast<uint32_t>(restored.size());
-    std::memcpy(block.data, restored.data(), restored.size());
-    ASSERT_EQ(io(Node::Boot, IOCTL_SET_SRINFO, nullptr, reinterpret_cast<uintptr_t>(&block)), 0);
-    const std::string facts = control("query facts");
-    EXPECT_EQ(facts.substr(facts.find(" srinfo_restored=")),
-              " srinfo_restored=\"a\\\"b\\\\c\\x0A\\x01\\xFF\"");
-    block.len = 4093;
-    EXPECT_EQ(io(Node::Boot, IOCTL_SET_SRINFO, nullptr, reinterpret_cast<uintptr_t>(&block)),
-              -EINVAL);
+    EXPECT_EQ(get(), -EAGAIN);
 }
 
 // The scenarios only write lines that are accepted: the notations, the refusals, a scenario
