@@ -10,13 +10,11 @@ void terminated(const char (&field)[N]) {
 
 void fuzz_one(fuzz::Input in) {
     std::vector<std::string> args = {"rix"};
+    args.reserve(64);  // argv points into the strings: they must not move
+    std::vector<char*> argv = {args[0].data()};
     for (const char *p = reinterpret_cast<const char*>(in.data), *end = p + in.size;
          p < end && args.size() < 64; p += args.back().size() + 1) {
-        args.emplace_back(p, strnlen(p, end - p));
-    }
-    std::vector<char*> argv;
-    for (std::string& a : args) {
-        argv.push_back(a.data());
+        argv.push_back(args.emplace_back(p, strnlen(p, end - p)).data());
     }
     argv.push_back(nullptr);
     opterr = 0;  // getopt's own diagnostics would only flood the output

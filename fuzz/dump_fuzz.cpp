@@ -2,12 +2,9 @@
 // REASON, the step answers and frames, the DONE answer) on a socket pair
 // standing in for the dump node. Input: a settings byte (bit 0: a debug level
 // that writes the info file; bit 1: a dump log), then the CP messages.
-#include "fuzz_support.h"
+#include <sys/mman.h>
 
-static int out_file(const char* path) {
-    int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0660);
-    return fd >= 0 ? fd : (fuzz::die(path), -1);
-}
+#include "fuzz_support.h"
 
 void fuzz_one(fuzz::Input in) {
     const uint32_t flags = in.le(1);
@@ -17,9 +14,10 @@ void fuzz_one(fuzz::Input in) {
     memset(crash_reason, 0, sizeof(crash_reason));
     fuzz::CpFeed cp(in.messages());
     d->fd = cp.ap;
-    d->info_fd = out_file("/data/fuzz/info");
-    d->dump_fd = out_file("/data/fuzz/dump");
-    d->log_fd = (flags & 2) != 0 ? out_file("/data/fuzz/dumplog") : -1;
+    // The info, dump and dump-log files: writes, seeks and fsync as on a disk.
+    d->info_fd = memfd_create("info", MFD_CLOEXEC);
+    d->dump_fd = memfd_create("dump", MFD_CLOEXEC);
+    d->log_fd = (flags & 2) != 0 ? memfd_create("dumplog", MFD_CLOEXEC) : -1;
     // The prefix the dump preparation puts in front of the CP's words.
     snprintf(d->reason, sizeof(d->reason), "%s", "UMTS: ");
     (void)Container::protocol->std_dump_receive_cp_dump();

@@ -37,31 +37,23 @@ namespace fuzz {
 
 inline constexpr char kCmdline[] = "/data/fuzz/cmdline";
 
-[[noreturn]] inline void die(const char* what) {
-    fprintf(stderr, "fuzz setup: %s: %s\n", what, strerror(errno));
-    abort();
-}
-
+// A broken invariant or a failed set-up step ends the run.
 inline void expect(bool ok, const char* what) {
     if (!ok) {
-        fprintf(stderr, "broken: %s\n", what);
+        fprintf(stderr, "fuzz: %s (errno: %s)\n", what, strerror(errno));
         abort();
     }
 }
 
 inline void write_file(const std::string& path, const uint8_t* data, size_t size) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size)) {
-        die(path.c_str());
-    }
+    expect(fd >= 0 && write(fd, data, size) == static_cast<ssize_t>(size), path.c_str());
     close(fd);
 }
 
 inline void bind(const char* path, const char* target, const char* text) {
     write_file(path, reinterpret_cast<const uint8_t*>(text), strlen(text));
-    if (mount(path, target, nullptr, MS_BIND, nullptr) != 0) {
-        die(target);
-    }
+    expect(mount(path, target, nullptr, MS_BIND, nullptr) == 0, target);
 }
 
 // The input, read from the front: little-endian fields, pieces, CP messages.
@@ -102,16 +94,13 @@ struct CpFeed {
     int ap, cp;
     explicit CpFeed(const std::vector<Input>& msgs) {
         int sv[2], room = 64 << 20;
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0 ||
-            setsockopt(sv[0], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0 ||
-            setsockopt(sv[1], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0) {
-            die("CP socket pair (the fuzzers need root)");
-        }
+        expect(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) == 0 &&
+                   setsockopt(sv[0], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) == 0 &&
+                   setsockopt(sv[1], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) == 0,
+               "CP socket pair (the fuzzers need root)");
         ap = sv[0], cp = sv[1];
         for (const Input& m : msgs) {
-            if (send(cp, m.data, m.size, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
-                die("queue a CP message");
-            }
+            expect(send(cp, m.data, m.size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0, "queue a message");
         }
         shutdown(cp, SHUT_WR);
     }
@@ -123,18 +112,15 @@ struct CpFeed {
 void fuzz_one(fuzz::Input in);
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) {
-        fuzz::die("private mount namespace (the fuzzers need root)");
-    }
+    fuzz::expect(unshare(CLONE_NEWNS) == 0 &&
+                     mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
+                 "private mount namespace (the fuzzers need root)");
     for (const char* dir : {"/data", "/efs"}) {
         mkdir(dir, 0755);
-        if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755,size=64m") != 0) {
-            fuzz::die(dir);
-        }
+        fuzz::expect(mount("tmpfs", dir, "tmpfs", 0, "mode=0755,size=64m") == 0, dir);
     }
-    for (const char* dir : {"/data/fuzz", "/data/fuzz/props", "/data/fuzz/log"}) {
-        mkdir(dir, 0755);
-    }
+    std::filesystem::create_directories("/data/fuzz/props");
+    std::filesystem::create_directories("/data/fuzz/log");
     fuzz::bind(fuzz::kCmdline, "/proc/cmdline", "");
     // Files only: the host's NSS modules (systemd's userdb) cost a dozen
     // path walks per lookup, the bulk of a run that opens log files.
@@ -149,9 +135,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     signal(SIGPIPE, SIG_IGN);
     static char name[] = "vm420";
     char* argv[] = {const_cast<char*>("rix"), const_cast<char*>("-t"), name, nullptr};
-    if (kmsg_fd < 0 || Container::parseArgs(3, argv) != 0) {
-        fuzz::die("select vm420");
-    }
+    fuzz::expect(kmsg_fd >= 0 && Container::parseArgs(3, argv) == 0, "select vm420");
     if (Container::protocol == nullptr) {
         Container::protocol = new ProtocolTarn();
     }

@@ -39,10 +39,9 @@ void fuzz_one(fuzz::Input in) {
     // on /dev/null, so the file stays for the next run.
     char path[kSrinfoPathLen];
     int last = create_srinfo_last(path);
-    if (last < 0 || write(last, in.data, in.size) != static_cast<ssize_t>(in.size) ||
-        ftruncate(last, in.size) != 0 || lseek(last, 0, SEEK_SET) != 0) {
-        fuzz::die("last file");
-    }
+    fuzz::expect(last >= 0 && write(last, in.data, in.size) == static_cast<ssize_t>(in.size) &&
+                     ftruncate(last, in.size) == 0 && lseek(last, 0, SEEK_SET) == 0,
+                 "the last file");
     srinfo_block* back = read_srinfo_last(last);
     fuzz::expect(back == nullptr || (back->len > 0 && back->len <= kSrinfoDataLen),
                  "a handed-back length inside the block");

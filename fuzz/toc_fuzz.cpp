@@ -4,34 +4,24 @@
 #include "boot/toc.h"
 #include "fuzz_support.h"
 
-namespace {
-
-constexpr char kPartition[] = "/data/fuzz/modem.bin", kNv[] = "/data/fuzz/nv_data.bin",
-               kNvTemp[] = "/data/fuzz/nv_data_temp.bin";
+static constexpr char kPartition[] = "/data/fuzz/modem.bin", kNv[] = "/data/fuzz/nv_data.bin",
+                      kNvTemp[] = "/data/fuzz/nv_data_temp.bin";
 enum : uint32_t { kDumpMode = 1, kNvChecksum = 2, kReinitVss = 4, kNoNvFile = 8, kNoNvPath = 16 };
-
-// Size of the partition's (last) NV entry, as the daemon reads the table: a
-// short partition leaves the rest zero.
-uint32_t nv_entry_size(fuzz::Input part) {
-    toc_entry table[kTocEntries] = {};
-    memcpy(table, part.data, std::min(part.size, sizeof(table)));
-    uint32_t found = 0;
-    for (const toc_entry& e : table) {
-        found = toc_name_is(e, "NV") ? e.size : found;
-    }
-    return found;
-}
-
-}  // namespace
 
 void fuzz_one(fuzz::Input in) {
     const uint32_t flags = in.le(1);
     const fuzz::Input nv = in.take(in.le(2)), part = in;
     fuzz::write_file(kPartition, part.data, part.size);
     // A missing NV file (or fallback copy, after a failed check) is created
-    // with the NV entry's size in bytes: only small ones, so a run stays fast.
-    // Otherwise both exist and hold the input's NV bytes.
-    const bool may_create = nv_entry_size(part) <= 0x10000;
+    // with the size of the (last) NV entry in bytes: only small ones, so a run
+    // stays fast. Otherwise both exist and hold the input's NV bytes. The
+    // table as the daemon reads it: a short partition leaves the rest zero.
+    toc_entry table[kTocEntries] = {};
+    memcpy(table, part.data, std::min(part.size, sizeof(table)));
+    bool may_create = true;
+    for (const toc_entry& e : table) {
+        may_create = toc_name_is(e, "NV") ? e.size <= 0x10000 : may_create;
+    }
     for (const char* path : {kNv, kNvTemp}) {
         if (may_create && (path == kNvTemp || (flags & kNoNvFile) != 0)) {
             unlink(path);
