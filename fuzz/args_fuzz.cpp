@@ -3,11 +3,6 @@
 
 #include "fuzz_support.h"
 
-template <size_t N>
-void terminated(const char (&field)[N]) {
-    fuzz::expect(strnlen(field, N) < N, "an argument field not terminated");
-}
-
 void fuzz_one(fuzz::Input in) {
     std::vector<std::string> args = {"rix"};
     args.reserve(64);  // argv points into the strings: they must not move
@@ -21,6 +16,9 @@ void fuzz_one(fuzz::Input in) {
     Container::reset();
     (void)Container::parseArgs(static_cast<int>(args.size()), argv.data());
     // Every path stays terminated inside its field, whatever was refused.
+    auto terminated = [](const auto& f) {
+        fuzz::expect(strnlen(f, sizeof(f)) < sizeof(f), "an argument field not terminated");
+    };
     terminated(rix_args.boot_node), terminated(rix_args.dump_node);
     terminated(rix_args.partition_path), terminated(rix_args.nv_data_path);
     terminated(rix_args.nv_temp_path), terminated(rix_args.modem_name);

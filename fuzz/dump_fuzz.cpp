@@ -24,8 +24,6 @@ void fuzz_one(fuzz::Input in) {
     fuzz::expect(strnlen(d->reason, sizeof(d->reason)) < sizeof(d->reason) &&
                      strnlen(crash_reason, kCrashReasonMax) < kCrashReasonMax,
                  "reasons terminated");
-    for (int fd : {d->info_fd, d->dump_fd, d->log_fd}) {
-        close(fd);
-    }
+    close(d->info_fd), close(d->dump_fd), close(d->log_fd);
     d->fd = d->info_fd = d->dump_fd = d->log_fd = -1;
 }

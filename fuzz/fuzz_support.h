@@ -136,9 +136,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     static char name[] = "vm420";
     char* argv[] = {const_cast<char*>("rix"), const_cast<char*>("-t"), name, nullptr};
     fuzz::expect(kmsg_fd >= 0 && Container::parseArgs(3, argv) == 0, "select vm420");
-    if (Container::protocol == nullptr) {
-        Container::protocol = new ProtocolTarn();
-    }
+    Container::protocol = Container::protocol ? Container::protocol : new ProtocolTarn();
     return 0;
 }
 

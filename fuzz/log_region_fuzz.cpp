@@ -7,13 +7,10 @@
 void fuzz_one(fuzz::Input in) {
     const uint32_t announced = in.le(4);
     Container::bootDump->std_dump_init_args();
-    int ret;
-    {
-        fuzz::CpFeed cp(in.messages());
-        Container::getStdDump()->fd = cp.ap;
-        ret = save_log_region("pmux0", announced);
-        Container::getStdDump()->fd = -1;
-    }
+    fuzz::CpFeed cp(in.messages());
+    Container::getStdDump()->fd = cp.ap;
+    const int ret = save_log_region("pmux0", announced);
+    Container::getStdDump()->fd = -1;
     // Success means the announced bytes all arrived: an empty region reads nothing.
     fuzz::expect(ret <= 0 || announced != 0, "an empty region read");
     std::filesystem::remove_all(log_dir);  // the region files, time-stamped

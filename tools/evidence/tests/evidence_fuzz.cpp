@@ -17,8 +17,8 @@ void fuzz_one(fuzz::Input in) {
                          std::min(msgs[i].size, size_t{120}));
         const bool in_err = !name.empty() && name[0] == '\x01';
         name.erase(0, in_err ? 1 : 0);
-        std::replace(name.begin(), name.end(), '/', '_');
-        std::replace(name.begin(), name.end(), '\0', '_');
+        std::replace_if(
+            name.begin(), name.end(), [](char c) { return c == '/' || !c; }, '_');
         name += name.empty() || name == "." || name == ".." || name == "err" ? "_" : "";
         fuzz::write_file((in_err ? err : dir) + "/" + name, msgs[i + 1].data, msgs[i + 1].size);
     }

@@ -38,15 +38,12 @@ Files attempt(const std::string& s, const std::string& k, const std::string& ste
                {"cpcrash_umts_dump_" + s + ".log", std::string(64, 'd')},
                {"cpcrash_shmem_dump_umts_" + s + ".log", std::string(100, 'r')},
                {"cpcrash_umts_klog_before_" + k + ".log", "ring"}};
-    if (after) {
-        f["cpcrash_umts_klog_after_" + k + ".log"] = "ring";
-    }
+    f["cpcrash_umts_klog_" + std::string(after ? "after_" : "before_") + k + ".log"] = "ring";
     return f;
 }
 
-Files operator+(Files a, const Files& b) {
-    a.insert(b.begin(), b.end());
-    return a;
+Files operator+(Files a, Files b) {
+    return a.merge(b), a;
 }
 
 // A hex-log entry of November `day` with the crash-info text, as the daemon
@@ -165,9 +162,8 @@ TEST(Evidence, ReadsWhatAPulledDirectoryHolds) {
         const evidence::Report r = evidence::read_report(dir);
         const json j = evidence::to_json(r);
         for (const auto& [pointer, want] : c.expect) {
-            const json::json_pointer p(pointer);
-            EXPECT_EQ(j.contains(p) ? j.at(p) : json(nullptr), want) << pointer << "\n"
-                                                                     << j.dump(1);
+            EXPECT_EQ(j.value(json::json_pointer(pointer), json()), want) << pointer << "\n"
+                                                                          << j.dump(1);
         }
         EXPECT_EQ(evidence::exit_status(r), c.status);
     }
