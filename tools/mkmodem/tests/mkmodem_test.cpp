@@ -16,11 +16,11 @@
 namespace mkmodem {
 namespace {
 
-const std::string kOut = ::testing::TempDir() + "/mkmodem-test.bin";
-
-std::vector<uint8_t> written(const std::string& error) {
+// The file at `path` after a write that returned `error`; each test has its own (ctest runs
+// them in parallel).
+std::vector<uint8_t> written(const std::string& path, const std::string& error) {
     EXPECT_EQ(error, "");
-    std::ifstream in(kOut, std::ios::binary);
+    std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
@@ -32,7 +32,8 @@ TEST(Image, TopBitsOfModemOffsetsAndThePattern) {
     for (const char* p : {"TOC", "MAIN:size=70000,m_off=0xC0200000", "VSS:size=100"}) {
         EXPECT_EQ(parse_part(p, layout.parts.emplace_back()), "") << p;
     }
-    const auto image = written(write_image(layout, kOut));
+    const std::string path = ::testing::TempDir() + "/mkmodem-test.img";
+    const auto image = written(path, write_image(layout, path));
     const auto* toc = reinterpret_cast<const toc_entry*>(image.data());
     EXPECT_EQ(std::tie(toc[1].m_off, toc[2].m_off), std::make_tuple(0xC0200000u, 0x212000u));
     for (uint32_t i : {0u, 1u, 63487u, 69999u}) {
@@ -45,6 +46,7 @@ TEST(Image, TopBitsOfModemOffsetsAndThePattern) {
 // scenarios' comparison of NV bytes in modem memory vacuous), a 0xFF pad for an odd size, then
 // the check value (one more with corrupt).
 TEST(Nv, CheckValueAndFileLayout) {
+    const std::string path = ::testing::TempDir() + "/mkmodem-test.nv";
     const std::pair<std::vector<uint8_t>, uint16_t> sums[] = {
         {{}, 0},
         {{0x01, 0x02}, 0x0201},
@@ -60,8 +62,8 @@ TEST(Nv, CheckValueAndFileLayout) {
         }
     }
     for (const auto& [total, corrupt] : {std::pair{3u, false}, std::pair{1000u, true}}) {
-        const auto f =
-            written(write_nv({.total_size = total, .corrupt = corrupt, .file_size = {}}, kOut));
+        const auto f = written(
+            path, write_nv({.total_size = total, .corrupt = corrupt, .file_size = {}}, path));
         const size_t at = nv_checksum_offset(total);
         ASSERT_EQ(f.size(), at + 2);
         EXPECT_EQ(*reinterpret_cast<const uint32_t*>(f.data() + kNvTotalSizeOffset), total);

@@ -159,10 +159,10 @@ TEST_F(ModemTest, SkippedLastFrameLeavesNothingToPoll) {
     EXPECT_EQ(get(), -EAGAIN);
 }
 
-// The scenarios only write lines that are accepted (and their numbers in every notation): the
-// refusals, a scenario file's comments and the number of the line it refuses are checked here. The
-// chaos runs make the CP behave again with misbehave_clear and undo each forced result with `result
-// NAME default`; answers per security mode and other results stay.
+// The scenarios only write lines that are accepted, so the refusals (a typo in a scenario must
+// not pass unnoticed), a scenario file's comments and the number of the line it refuses are
+// checked here. The chaos runs make the CP behave again with misbehave_clear and undo each forced
+// result with `result NAME default`; answers per security mode and other results stay.
 TEST(Settings, RefusalsAndWhatMisbehaveClearLeaves) {
     Settings s;
     for (const char* line :
