@@ -140,7 +140,10 @@ class TocTest : public RixTest {
 };
 
 TEST_F(TocTest, StandardTocBuildsOneEntryPerPart) {
-    ASSERT_TRUE(boot(standard_parts(), 6));
+    // The record is still the constructor's zero-fill: the preparation resets it first.
+    write_file(kPartition, toc_bytes(standard_parts(), 6));
+    clear_logs();
+    ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
     EXPECT_TRUE(same_file(b_->fd, kBootNode));
     EXPECT_TRUE(same_file(b_->bin_fd, kPartition));
     EXPECT_TRUE(same_file(b_->nv_fd, kNvPath));
