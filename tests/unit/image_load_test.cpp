@@ -1,7 +1,7 @@
 // Image loading decisions that need no driver: which stages are skipped, what
-// ends a load, and what the first-load property says. The chunk stream, the
-// security requests and the wake lock are checked against the virtual modem
-// in the system tests (Boot.*, BootFailure/*).
+// ends a load, what the first-load property says, a refused security request.
+// The chunk stream, the driver's security answers and the wake lock are
+// checked against the virtual modem in the system tests (Boot.*, BootFailure/*).
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -103,6 +103,20 @@ TEST_F(ImageLoadTest, SkippedStagesShortPartsAndTheFirstLoadMark) {
     close(src);
     close(pipefd[0]);
     close(pipefd[1]);
+}
+
+TEST_F(ImageLoadTest, SecurityRequestWithoutDriverIsRejected) {
+    ASSERT_EQ(parse({"-t", "vm420"}), 0);
+    auto* bd = static_cast<BootDumpQuoll*>(Container::bootDump);
+    bd->std_boot_init_args();
+    Container::getStdBoot()->fd = open("/dev/null", O_RDWR);  // not the driver: refused
+    clear_logs();
+    EXPECT_EQ(bd->std_security_req(SECURITY_MODE_TOC_VSS, 0x1000, 0x200), -1);
+    EXPECT_EQ(kmsg(),
+              "<6>cpif: rix: std_security_req: cp boot mode:7, param2:0x1000, param3:0x200, "
+              "param4:0x0\n<3>cpif: rix: (ERR! Inappropriate ioctl for device) std_security_req: "
+              "ERR! IOCTL_CHECK_SECURITY fail (0xffffffff)\n");
+    bd->std_boot_close_args();
 }
 
 }  // namespace
