@@ -144,15 +144,8 @@ TEST_F(TocTest, StandardTocBuildsOneEntryPerPart) {
     write_file(kPartition, toc_bytes(standard_parts(), 6));
     clear_logs();
     ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-    EXPECT_TRUE(same_file(b_->fd, kBootNode));
-    EXPECT_TRUE(same_file(b_->bin_fd, kPartition));
-    EXPECT_TRUE(same_file(b_->nv_fd, kNvPath));
-    EXPECT_EQ(
-        std::vector<int>({b_->toc_idx_toc, b_->toc_idx_boot, b_->toc_idx_main, b_->toc_idx_vss,
-                          b_->toc_idx_nv, b_->toc_idx_offset, b_->toc_idx_nv_norm,
-                          b_->toc_idx_nv_prot, b_->fd_spare[0], b_->fd_spare[4]}),
-        std::vector<int>({0, 1, 2, 3, 4, 5, -1, -1, -1, -1}));
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(b_->toc), 512), toc_bytes(standard_parts(), 6));
+    EXPECT_TRUE(same_file(b_->fd, kBootNode) && same_file(b_->bin_fd, kPartition) &&
+                same_file(b_->nv_fd, kNvPath));
     EXPECT_EQ(slots(), "bbbBn........ 0..5");
     // Stage, offsets, size and check value; MAIN's m_off loses its top two bits.
     std::string fields;
@@ -165,27 +158,21 @@ TEST_F(TocTest, StandardTocBuildsOneEntryPerPart) {
     EXPECT_EQ(fields,
               "0 0 1000 200 11 0 0|1 1000 2000 100 22 0 0|2 2000 200000 4000 33 0 0|"
               "3 6000 300000 80 44 0 0|4 0 400000 100 55 0 0|");
-    // The opening lines come first; the listing shows the raw m_off, the
-    // stage line the one that is used.
+    // The listing shows the raw m_off, the stage line the one that is used.
     const std::string rix = "<6>cpif: rix: ";
-    EXPECT_EQ(kmsg().rfind(rix + "std_boot_prepare_args: DEV(/data/umts_boot0) opened (fd " +
-                               std::to_string(b_->fd) + ")\n" + rix +
-                               "std_boot_parse_toc_img: BIN(/data/modem.bin) opened (fd " +
-                               std::to_string(b_->bin_fd) + ")\n",
-                           0),
-              0u);
-    EXPECT_EQ(lines_with(kmsg(), "MAIN"),
+    EXPECT_EQ(lines_with(kmsg(), "MAIN") + lines_with(kmsg(), "opened"),
               rix +
                   "std_boot_parse_toc_img: TOC[2].name = MAIN, b_off=0x00002000, "
                   "m_off=0xc0200000, size=0x00004000 crc=0x00000033\n" +
                   rix +
                   "build_std_dload_control: stage=2, name:MAIN b_off=0x00002000, "
-                  "m_offset=0x00200000 b_size=0x00004000\n");
-    EXPECT_TRUE(
-        contains("TOC[5].name = OFFSET, b_off=0x00000000, m_off=0x00000000, "
-                 "size=0x00000000 crc=0x00000000\n"));
-    EXPECT_EQ(radio().find("E/"), std::string::npos);
-
+                  "m_offset=0x00200000 b_size=0x00004000\n" +
+                  rix + "std_boot_prepare_args: DEV(/data/umts_boot0) opened (fd " +
+                  std::to_string(b_->fd) + ")\n" + rix +
+                  "std_boot_parse_toc_img: BIN(/data/modem.bin) opened (fd " +
+                  std::to_string(b_->bin_fd) + ")\n" + rix +
+                  "getNvFd: NV(/mnt/vendor/efs/nv_data.bin) opened (fd " +
+                  std::to_string(b_->nv_fd) + ")\n");
     // Closing gives every descriptor back.
     int before = open_descriptors();
     bd_->std_boot_close_args();
