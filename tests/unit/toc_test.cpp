@@ -389,7 +389,7 @@ TEST_F(TocTest, NamesAreMatchedWholeAndTheLastOneWins) {
     // never matches any index.
     b_->toc_idx_nv_norm = -1;
     for (unsigned i : {3u, 4u, 6u, 0xFFFFFFFFu}) {
-        b_->stage[i & 7].fd = 7;
+        b_->stage[i & 7].fd = 999;  // no descriptor this test holds
         bd_->build_std_dload_control_nv_fd(i & 7, i);
     }
     EXPECT_EQ(slots().substr(0, 8), "bbb?nb??");
