@@ -20,6 +20,7 @@ namespace {
 const char kFactory[] = "/efs/factory.prop";
 const char kSimDir[] = "/sys/devices/platform/cpif/sim";
 const char kDsDetect[] = "/sys/devices/platform/cpif/sim/ds_detect";
+const std::string kRix = "<6>cpif: rix: ";
 
 class BoardTest : public RixTest {
   protected:
@@ -28,152 +29,111 @@ class BoardTest : public RixTest {
         ASSERT_EQ(parse({"-t", "vm420"}), 0);
         Container::protocol = new ProtocolTarn();
         std::filesystem::create_directories(kSimDir);
-        clear_logs();
-    }
-
-    static void factory(const std::string& text) {
-        std::ofstream(kFactory, std::ios::binary) << text;
     }
 };
 
+// The count is the byte after the first '=' of the first 127 bytes, minus
+// '0'; only 1 to 4 reach the driver, as one digit written in place.
 TEST_F(BoardTest, SimCountIsTheCharacterAfterTheFirstEquals) {
-    factory("ro.sim.count=2\n");
-    Container::bootDump->set_sim_configuration();
-    EXPECT_EQ(read_file(kDsDetect), "2");  // one digit, no newline
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: get_factory_prop: sim_count: 2\n"
-              "<6>cpif: rix: set_sim_configuration: sim count: 2 (echo to ds_detect file)\n");
-}
-
-TEST_F(BoardTest, SimConfigurationIsWrittenInPlaceNotTruncated) {
-    std::ofstream(kDsDetect) << "0000";
-    factory("a=1=3");
-    Container::bootDump->set_sim_configuration();
-    EXPECT_EQ(read_file(kDsDetect), "1000");
-}
-
-TEST_F(BoardTest, CountsOutsideOneToFourAreLoggedButNotWritten) {
-    struct Case {
-        const char* text;
+    const std::string token = kRix + "get_factory_prop: can't find token!\n";
+    const struct {
+        std::string text;  // "<none>": no file, "<dir>": unreadable
         int count;
+        std::string factory_log, ds_detect;
     } cases[] = {
-        {"sim=5", 5},
-        {"sim=0", 0},
-        {"sim=x", 'x' - '0'},
-        {"sim=", -48},             // the NUL after the '='
-        {"sim=\xff", 0xff - '0'},  // a byte, whatever the signedness of char
+        {"ro.sim.count=2\n", 2, "sim_count: 2", "2000"},
+        {"a=1=3", 1, "sim_count: 1", "1000"},
+        {"sim=4", 4, "sim_count: 4", "4000"},
+        {"sim=5", 5, "sim_count: 5", "0000"},
+        {"sim=0", 0, "sim_count: 0", "0000"},
+        {"sim=x", 'x' - '0', "sim_count: 72", "0000"},
+        {"sim=", -48, "sim_count: -48", "0000"},             // the NUL after the '='
+        {"sim=\xff", 0xff - '0', "sim_count: 207", "0000"},  // a byte, whatever char's sign
+        {"no token here\n", -22, "can't find token!", "0000"},
+        {"", -22, "can't find token!", "0000"},
+        // '=' as byte 127 leaves only the terminating NUL; past it, none.
+        {std::string(126, 'k') + "=3", -48, "sim_count: -48", "0000"},
+        {std::string(127, 'k') + "=3", -22, "can't find token!", "0000"},
+        {std::string("ab\0=3", 5), -22, "can't find token!", "0000"},  // a NUL ends the text
+        {"<none>", -22, "/efs/factory.prop open fail(not support)", "0000"},
+        {"<dir>", -1, "", "0000"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
+        SCOPED_TRACE(c.text.substr(0, 20));
+        std::filesystem::remove(kFactory);
+        if (c.text == "<dir>") {
+            std::filesystem::create_directory(kFactory);
+        } else if (c.text != "<none>") {
+            std::ofstream(kFactory, std::ios::binary) << c.text;
+        }
+        std::ofstream(kDsDetect) << "0000";
         clear_logs();
-        factory(c.text);
         EXPECT_EQ(Container::protocol->get_factory_prop(), c.count);
         Container::bootDump->set_sim_configuration();
-        EXPECT_FALSE(std::filesystem::exists(kDsDetect));
-        EXPECT_NE(kmsg().find("set_sim_configuration: sim count: " + std::to_string(c.count) +
-                              " (echo to ds_detect file)\n"),
-                  std::string::npos);
+        const std::string factory = c.factory_log.empty()
+                                        ? "<3>cpif: rix: (ERR! Is a directory) get_factory_prop: "
+                                          "/efs/factory.prop read fail\n"
+                                        : kRix + "get_factory_prop: " + c.factory_log + "\n";
+        EXPECT_EQ(kmsg(), factory + factory + kRix + "set_sim_configuration: sim count: " +
+                              std::to_string(c.count) + " (echo to ds_detect file)\n");
+        EXPECT_EQ(read_file(kDsDetect), c.ds_detect);
+        std::filesystem::remove(kFactory);
     }
 }
 
-TEST_F(BoardTest, FactoryFileWithoutTokenOrMissingGivesMinus22) {
-    for (const char* text : {"no token here\n", ""}) {
-        clear_logs();
-        factory(text);
-        EXPECT_EQ(Container::protocol->get_factory_prop(), -22) << text;
-        EXPECT_EQ(kmsg(), "<6>cpif: rix: get_factory_prop: can't find token!\n");
-    }
-
-    std::filesystem::remove(kFactory);
-    clear_logs();
-    Container::bootDump->set_sim_configuration();
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: get_factory_prop: /efs/factory.prop open fail(not support)\n"
-              "<6>cpif: rix: set_sim_configuration: sim count: -22 (echo to ds_detect file)\n");
-    EXPECT_FALSE(std::filesystem::exists(kDsDetect));
-}
-
-TEST_F(BoardTest, OnlyTheFirst127BytesAreSearched) {
-    // '=' as byte 127 (the 127th read) leaves only the terminating NUL.
-    factory(std::string(126, 'k') + "=3");
-    EXPECT_EQ(Container::protocol->get_factory_prop(), -48);
-    // '=' past the bytes read is not found.
-    factory(std::string(127, 'k') + "=3");
-    EXPECT_EQ(Container::protocol->get_factory_prop(), -22);
-    // A NUL ends the text before a later '='.
-    factory(std::string("ab\0=3", 5));
-    EXPECT_EQ(Container::protocol->get_factory_prop(), -22);
-}
-
-TEST_F(BoardTest, UnreadableFactoryFileReturnsTheReadResult) {
-    std::filesystem::create_directory(kFactory);
-    EXPECT_EQ(Container::protocol->get_factory_prop(), -1);
-    EXPECT_EQ(kmsg(),
-              "<3>cpif: rix: (ERR! Is a directory) get_factory_prop: /efs/factory.prop read "
-              "fail\n");
-}
-
-TEST_F(BoardTest, SimConfigurationOpenFailureIsAnErrorAndNothingFollows) {
-    factory("sim=2");
+TEST_F(BoardTest, SimConfigurationFailuresAreErrorsAndNothingFollows) {
+    std::ofstream(kFactory) << "sim=2";
     // A link in place of the attribute is not followed.
     std::filesystem::create_symlink("/data/elsewhere", kDsDetect);
+    clear_logs();
     Container::bootDump->set_sim_configuration();
     EXPECT_FALSE(std::filesystem::exists("/data/elsewhere"));
-    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! Too many levels of symbolic links) "
-                          "set_sim_configuration: SIM conf: open failed\n"),
+    const std::string line = "set_sim_configuration: SIM conf: ";
+    EXPECT_NE(kmsg().find("(ERR! Too many levels of symbolic links) " + line + "open failed\n"),
               std::string::npos);
-
+    // A full device in the attribute's place: every write fails with ENOSPC.
+    std::filesystem::remove(kDsDetect);
+    std::ofstream(kDsDetect) << "";
+    ASSERT_EQ(mount("/dev/full", kDsDetect, nullptr, MS_BIND, nullptr), 0);
+    clear_logs();
+    Container::bootDump->set_sim_configuration();
+    umount(kDsDetect);
+    EXPECT_NE(kmsg().find("(ERR! No space left on device) " + line + "write failed\n"),
+              std::string::npos);
     // No driver attribute directory at all.
     std::filesystem::remove_all(kSimDir);
     clear_logs();
     Container::bootDump->set_sim_configuration();
-    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! No such file or directory) "
-                          "set_sim_configuration: SIM conf: open failed\n"),
-              std::string::npos);
-}
-
-TEST_F(BoardTest, SimConfigurationWriteFailureIsAnError) {
-    factory("sim=4");
-    // A full device in the attribute's place: every write fails with ENOSPC.
-    std::ofstream(kDsDetect) << "";
-    ASSERT_EQ(mount("/dev/full", kDsDetect, nullptr, MS_BIND, nullptr), 0);
-    Container::bootDump->set_sim_configuration();
-    umount(kDsDetect);
-    EXPECT_NE(kmsg().find("<3>cpif: rix: (ERR! No space left on device) set_sim_configuration: "
-                          "SIM conf: write failed\n"),
+    EXPECT_NE(kmsg().find("(ERR! No such file or directory) " + line + "open failed\n"),
               std::string::npos);
 }
 
 TEST_F(BoardTest, OnlyExactRebootSalesCodesMatch) {
-    struct Case {
-        const char* code;
-        bool reboot;
-    } cases[] = {
-        {"TMB", true},  {"VZW", true}, {"XAU", true}, {"TMBX", false},
-        {"tmb", false}, {"TM", false}, {"", false},   {"XAU ", false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.code);
+    for (auto [code, reboot] : {std::pair{"TMB", true},
+                                {"VZW", true},
+                                {"XAU", true},
+                                {"TMBX", false},
+                                {"tmb", false},
+                                {"TM", false},
+                                {"", false},
+                                {"XAU ", false}}) {
         clear_logs();
-        set_prop("ro.dmx.sales_code", c.code);
-        EXPECT_EQ(Container::protocol->check_dmx_sales_code(), c.reboot);
-        EXPECT_EQ(kmsg(),
-                  std::string("<6>cpif: rix: check_dmx_sales_code: sales_code:") + c.code + "\n");
+        set_prop("ro.dmx.sales_code", code);
+        EXPECT_EQ(Container::protocol->check_dmx_sales_code(), reboot) << code;
+        EXPECT_EQ(kmsg(), kRix + "check_dmx_sales_code: sales_code:" + code + "\n");
     }
 }
 
 TEST_F(BoardTest, RfBoardQueryFailuresAreErrors) {
     strcpy(rix_args.boot_node, "/data/umts_boot0");
+    clear_logs();
+    EXPECT_EQ(Container::bootDump->get_rfboard_disconnect(), -1);
+    // A node that is not the driver refuses the request.
+    std::ofstream("/data/umts_boot0") << "";
     EXPECT_EQ(Container::bootDump->get_rfboard_disconnect(), -1);
     EXPECT_EQ(kmsg(),
               "<3>cpif: rix: (ERR! No such file or directory) get_rfboard_disconnect: "
-              "/data/umts_boot0 open fail(No such file or directory)\n");
-
-    // A node that is not the driver refuses the request.
-    std::ofstream("/data/umts_boot0") << "";
-    clear_logs();
-    EXPECT_EQ(Container::bootDump->get_rfboard_disconnect(), -1);
-    EXPECT_EQ(kmsg(),
+              "/data/umts_boot0 open fail(No such file or directory)\n"
               "<3>cpif: rix: (ERR! Inappropriate ioctl for device) get_rfboard_disconnect: "
               "IOCTL_GET_RFBOARD_DISCONNECT fail (-1)\n");
 }

@@ -1,6 +1,7 @@
 // Debug level and CP debug option: which source wins, and the kernel command
 // line reader behind them.
 #include <cstring>
+#include <sstream>
 #include <string>
 
 #include "core/util.h"
@@ -9,177 +10,126 @@
 
 namespace {
 
-class DebugSettingsTest : public RixTest {
-  protected:
-    // Zeroed before every lookup, as the daemon does.
-    char* lookup(const char* key, unsigned size = 4096) {
-        memset(buf_, 0, sizeof(buf_));
-        return Util::get_cmdline_str(buf_, size, key);
+using DebugSettingsTest = RixTest;
+
+// The kernel log lines of a check: one per '\n'-ended line, of the command
+// line reader for "find str" lines, of `fn` otherwise.
+std::string lines(const std::string& fn, const std::string& text) {
+    std::istringstream in(text);
+    std::string out, l;
+    while (std::getline(in, l)) {
+        out += "<6>cpif: rix: " + (l.rfind("find str", 0) == 0 ? "get_cmdline_str" : fn) + ": " +
+               l + (l.rfind("find str", 0) == 0 ? " form /proc/cmdline\n" : "\n");
     }
-    char buf_[4096];
-};
-
-TEST_F(DebugSettingsTest, CmdlineTokensSplitOnSpacesOnly) {
-    set_cmdline("console=ttyS0   pax_debug.level=1\tquiet pax_debug.cp=3\n");
-    char* t = lookup("pax_debug.cp=");
-    ASSERT_NE(t, nullptr);
-    EXPECT_STREQ(t, "pax_debug.cp=3");  // the final line feed is gone
-    // A tab is part of the token.
-    t = lookup("pax_debug.level=");
-    ASSERT_NE(t, nullptr);
-    EXPECT_STREQ(t, "pax_debug.level=1\tquiet");
-    EXPECT_EQ(lookup("quiet"), nullptr);
-    EXPECT_NE(radio().find("rix: get_cmdline_str: find str pax_debug.cp=3 form /proc/cmdline\n"),
-              std::string::npos);
-    // The first token that begins with the key wins.
-    set_cmdline("a=1 ab=2");
-    t = lookup("a");
-    ASSERT_NE(t, nullptr);
-    EXPECT_STREQ(t, "a=1");
+    return out;
 }
 
-TEST_F(DebugSettingsTest, CmdlineSearchStopsAt4095Bytes) {
-    // Bytes 0..4094 are read: the key's '=' at byte 4095 is not.
-    set_cmdline(std::string(4093, 'x') + " k=1");
-    EXPECT_EQ(lookup("k="), nullptr);
-    char* t = lookup("k");
-    ASSERT_NE(t, nullptr);
-    EXPECT_STREQ(t, "k");
-    set_cmdline(std::string(4000, 'x') + " k=1");
-    t = lookup("k=");
-    ASSERT_NE(t, nullptr);
-    EXPECT_STREQ(t, "k=1");
-    set_cmdline(std::string(4100, 'y') + " k=1");
-    EXPECT_EQ(lookup("k="), nullptr);
-    // A caller's smaller buffer bounds the read too.
-    set_cmdline("abcdef k=1");
-    EXPECT_EQ(lookup("k=", 8), nullptr);
-    set_cmdline("");
-    EXPECT_EQ(lookup(""), nullptr);
-}
-
-TEST_F(DebugSettingsTest, NothingSetGivesZeroes) {
-    Log::check_debug_cp_opt();
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 0);
-    EXPECT_EQ(cp_debug, 0);
-    EXPECT_EQ(kmsg(), "<6>cpif: rix: check_debug_level: debug_level=0, cp_debug=0\n");
-}
-
-TEST_F(DebugSettingsTest, LevelPropertyFromTableWinsOverCmdline) {
-    struct {
-        const char* prop;
-        int level;
-    } cases[] = {{"0x4948", 2}, {"0x4945", 1}, {"0x4F4C", 0}, {"18760", 2}};
+TEST_F(DebugSettingsTest, CmdlineTokensSplitOnSpacesOnlyWithinTheBytesRead) {
+    const std::string spaced = "console=ttyS0   pax_debug.level=1\tquiet pax_debug.cp=3\n";
+    const struct {
+        std::string cmdline;
+        const char* key;
+        unsigned size;
+        const char* token;  // nullptr: not found
+    } cases[] = {
+        {spaced, "pax_debug.cp=", 4096, "pax_debug.cp=3"},  // the final line feed is gone
+        {spaced, "pax_debug.level=", 4096, "pax_debug.level=1\tquiet"},  // a tab is no separator
+        {spaced, "quiet", 4096, nullptr},
+        {"a=1 ab=2", "a", 4096, "a=1"},  // the first token that begins with the key
+        // Bytes 0..4094 are read: the key's '=' at byte 4095 is not.
+        {std::string(4093, 'x') + " k=1", "k=", 4096, nullptr},
+        {std::string(4093, 'x') + " k=1", "k", 4096, "k"},
+        {std::string(4000, 'x') + " k=1", "k=", 4096, "k=1"},
+        {std::string(4100, 'y') + " k=1", "k=", 4096, nullptr},
+        {"abcdef k=1", "k=", 8, nullptr},  // the caller's buffer bounds the read
+        {"", "", 4096, nullptr},
+    };
     for (const auto& c : cases) {
-        debug_level = 1;
-        clear_logs();
-        set_prop("ro.boot.debug_level", c.prop);
-        set_cmdline("pax_debug.level=1 pax_debug.enable=1");
-        Log::check_debug_level();
-        EXPECT_EQ(debug_level, c.level) << c.prop;
-        EXPECT_EQ(radio().find("get_cmdline_str"), std::string::npos) << c.prop;
-    }
-    EXPECT_NE(radio().find("rix: check_debug_level: \"ro.boot.debug_level\", 0x4948\n"),
-              std::string::npos);
-}
-
-TEST_F(DebugSettingsTest, UndefinedLevelPropertyLetsCmdlineDecide) {
-    set_prop("ro.boot.debug_level", "1");
-    set_cmdline("pax_debug.level=2");
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 1);  // the command line never gives DBG_HIGH
-    const std::string k = kmsg();
-    EXPECT_NE(k.find("check_debug_level: \"ro.boot.debug_level\", 0x1\n"
-                     "<6>cpif: rix: check_debug_level: \"ro.boot.debug_level\", undefined "
-                     "value=0x1\n"),
-              std::string::npos);
-    EXPECT_NE(k.find("<6>cpif: rix: check_debug_level: pax_debug.level=2, 1\n"), std::string::npos);
-}
-
-TEST_F(DebugSettingsTest, EnableKeyCountsOnlyWithoutLevelKey) {
-    set_cmdline("pax_debug.level=0 pax_debug.enable=1");
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 0);
-    set_cmdline("pax_debug.enable=1");
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 1);
-    // An empty value is not '0'.
-    debug_level = 0;
-    set_cmdline("pax_debug.level=");
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 1);
-}
-
-TEST_F(DebugSettingsTest, SecondCallRaisesByCmdlineLowersOnlyByProperty) {
-    debug_level = 2;
-    set_cmdline("pax_debug.level=0");
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 2);
-    set_prop("ro.boot.debug_level", "0x4F4C");
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 0);
-}
-
-TEST_F(DebugSettingsTest, ForceUploadRaisesOnlyFromLow) {
-    set_prop("ro.boot.force_upload", "5");
-    set_prop("ro.boot.debug_level", "0x4F4C");
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 1);
-    EXPECT_NE(kmsg().find("check_debug_level: force_upload=5\n<6>cpif: rix: check_debug_level: "
-                          "force_upload on!\n"),
-              std::string::npos);
-
-    clear_logs();
-    set_prop("ro.boot.debug_level", "0x4948");
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 2);
-    EXPECT_EQ(kmsg().find("force_upload"), std::string::npos);
-
-    clear_logs();
-    set_prop("ro.boot.debug_level", "0x4F4C");
-    set_prop("ro.boot.force_upload", "4");
-    Log::check_debug_level();
-    EXPECT_EQ(debug_level, 0);
-    EXPECT_NE(kmsg().find("force_upload=4\n"), std::string::npos);
-    EXPECT_EQ(kmsg().find("force_upload on!"), std::string::npos);
-}
-
-TEST_F(DebugSettingsTest, CpOptionPropertyOverridesCmdline) {
-    set_prop("persist.vendor.rix.debug_cp_opt", "0");
-    set_cmdline("pax_debug.cp=3");
-    cp_debug = 4;
-    Log::check_debug_cp_opt();
-    EXPECT_EQ(cp_debug, 0);
-    EXPECT_EQ(kmsg(), "<6>cpif: rix: check_debug_cp_opt: cp_debug=0 overwritten by prop\n");
-}
-
-TEST_F(DebugSettingsTest, CpOptionFromCmdlineIsOneCharacterMinusZero) {
-    struct {
-        const char* cmdline;
-        int expect;
-    } cases[] = {{"pax_debug.cp=7abc", 7},
-                 {"pax_debug.cp=", -48},
-                 {"pax_debug.cp=a", 49},
-                 {"pax_debug.cp=\xE9", 0xE9 - '0'}};
-    for (const auto& c : cases) {
-        cp_debug = 0;
-        clear_logs();
+        SCOPED_TRACE(c.cmdline.substr(0, 40) + " / " + c.key);
         set_cmdline(c.cmdline);
-        Log::check_debug_cp_opt();
-        EXPECT_EQ(cp_debug, c.expect) << c.cmdline;
-        EXPECT_NE(kmsg().find(std::string("check_debug_cp_opt: ") + c.cmdline + ", " +
-                              std::to_string(c.expect) + "\n"),
-                  std::string::npos);
+        clear_logs();
+        char buf[4096] = {};
+        const char* t = Util::get_cmdline_str(buf, c.size, c.key);
+        EXPECT_STREQ(t, c.token);
+        EXPECT_EQ(kmsg(), c.token ? lines("", std::string("find str ") + c.token + "\n") : "");
     }
-    // Absent key and no property: the value stays.
-    cp_debug = 2;
-    set_cmdline("quiet");
-    Log::check_debug_cp_opt();
-    EXPECT_EQ(cp_debug, 2);
-    // The closing line of the level check reports the final option.
-    Log::check_debug_level();
-    EXPECT_NE(kmsg().find("debug_level=0, cp_debug=2\n"), std::string::npos);
+}
+
+TEST_F(DebugSettingsTest, LevelComesFromThePropertyTheCommandLineOrAForcedUpload) {
+    const std::string prop = "\"ro.boot.debug_level\", ";
+    const struct {
+        const char *level_prop, *force_upload, *cmdline;
+        int before, after;
+        std::string log;  // before the closing line
+    } cases[] = {
+        {"", "", "", 0, 0, ""},
+        // A known property value wins; the command line is not read.
+        {"0x4948", "", "pax_debug.level=1 pax_debug.enable=1", 1, 2, prop + "0x4948\n"},
+        {"0x4945", "", "pax_debug.level=1", 0, 1, prop + "0x4945\n"},
+        {"0x4F4C", "", "pax_debug.level=1", 2, 0, prop + "0x4F4C\n"},
+        {"18760", "", "", 0, 2, prop + "0x4948\n"},
+        // Any other value lets the command line decide, which never gives 2.
+        {"1", "", "pax_debug.level=2", 0, 1,
+         prop + "0x1\n" + prop +
+             "undefined value=0x1\nfind str pax_debug.level=2\n"
+             "pax_debug.level=2, 1\n"},
+        // The enable key counts only without the level key; empty is not '0'.
+        {"", "", "pax_debug.level=0 pax_debug.enable=1", 0, 0, "find str pax_debug.level=0\n"},
+        {"", "", "pax_debug.enable=1", 0, 1,
+         "find str pax_debug.enable=1\npax_debug.enable=1, 1\n"},
+        {"", "", "pax_debug.level=", 0, 1, "find str pax_debug.level=\npax_debug.level=, 1\n"},
+        // A later check never lowers the level through the command line.
+        {"", "", "pax_debug.level=0", 2, 2, "find str pax_debug.level=0\n"},
+        // A forced upload lifts the low level only.
+        {"0x4F4C", "5", "", 2, 1, prop + "0x4F4C\nforce_upload=5\nforce_upload on!\n"},
+        {"0x4948", "5", "", 0, 2, prop + "0x4948\n"},
+        {"0x4F4C", "4", "", 0, 0, prop + "0x4F4C\nforce_upload=4\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.level_prop) + " / " + c.force_upload + " / " + c.cmdline);
+        set_prop("ro.boot.debug_level", c.level_prop);
+        set_prop("ro.boot.force_upload", c.force_upload);
+        set_cmdline(c.cmdline);
+        debug_level = c.before;
+        clear_logs();
+        Log::check_debug_level();
+        EXPECT_EQ(debug_level, c.after);
+        EXPECT_EQ(kmsg(),
+                  lines("check_debug_level",
+                        c.log + "debug_level=" + std::to_string(c.after) + ", cp_debug=0\n"));
+    }
+}
+
+TEST_F(DebugSettingsTest, CpOptionIsThePropertyOrOneCommandLineCharacterMinusZero) {
+    const struct {
+        const char *prop, *cmdline;
+        int before, after;
+        std::string log;
+    } cases[] = {
+        {"", "", 0, 0, ""},
+        {"", "quiet", 2, 2, ""},
+        {"0", "pax_debug.cp=3", 4, 0, "cp_debug=0 overwritten by prop\n"},
+        {"", "pax_debug.cp=7abc", 0, 7, "find str pax_debug.cp=7abc\npax_debug.cp=7abc, 7\n"},
+        {"", "pax_debug.cp=", 0, -48, "find str pax_debug.cp=\npax_debug.cp=, -48\n"},
+        {"", "pax_debug.cp=a", 0, 49, "find str pax_debug.cp=a\npax_debug.cp=a, 49\n"},
+        {"", "pax_debug.cp=\xE9", 0, 0xE9 - '0',
+         "find str pax_debug.cp=\xE9\npax_debug.cp=\xE9, 185\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.cmdline);
+        set_prop("persist.vendor.rix.debug_cp_opt", c.prop);
+        set_cmdline(c.cmdline);
+        cp_debug = c.before;
+        clear_logs();
+        Log::check_debug_cp_opt();
+        EXPECT_EQ(cp_debug, c.after);
+        EXPECT_EQ(kmsg(), lines("check_debug_cp_opt", c.log));
+        // The closing line of the level check reports the option.
+        clear_logs();
+        Log::check_debug_level();
+        EXPECT_EQ(kmsg(), lines("check_debug_level",
+                                "debug_level=0, cp_debug=" + std::to_string(c.after) + "\n"));
+    }
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Choices the daemon makes where its flow leaves room: a message reaches the kernel log as one
-// record, an NV file that cannot be read whole gets no verdict line, and a dump attempt never
-// keeps the tail of an earlier attempt's files.
+// record, the NV validation wait, a missing wake-lock file, and a dump attempt never keeps the
+// tail of an earlier attempt's files.
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "boot/boot_dump.h"
-#include "boot/nv.h"
 #include "core/rix.h"
 #include "log/log.h"
 #include "platform/properties.h"
@@ -41,8 +40,7 @@ TEST_F(DecisionsTest, KernelCopyIsOneRecordPerMessage) {
 
     std::vector<std::string> records;
     char buf[4096];
-    ssize_t n;
-    while ((n = recv(sv[1], buf, sizeof(buf), MSG_DONTWAIT)) > 0) {
+    for (ssize_t n; (n = recv(sv[1], buf, sizeof(buf), MSG_DONTWAIT)) > 0;) {
         records.emplace_back(buf, static_cast<size_t>(n));
     }
     close(sv[1]);
@@ -53,23 +51,6 @@ TEST_F(DecisionsTest, KernelCopyIsOneRecordPerMessage) {
                   "<6>cpif: rix: main: \n\n ---- upload ----\n\n",
                   "<6>cpif: rix: CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : "
                   "verified"}));
-}
-
-// The verdict line follows only a data check: a file that reads short or is empty gets none.
-TEST_F(DecisionsTest, NvFileThatCannotBeReadWholeGetsNoVerdictLine) {
-    // A sysfs attribute claims 4096 bytes and reads a few.
-    const char* kShort = "/sys/kernel/uevent_seqnum";
-    struct stat st = {};
-    ASSERT_EQ(stat(kShort, &st), 0);
-    ASSERT_EQ(st.st_size, 4096);
-    EXPECT_FALSE(CsumCheckForFile(kShort));
-    EXPECT_EQ(kmsg(), "<6>cpif: rix: CsumCheckForFile: Failed to read data");
-
-    clear_logs();
-    std::ofstream("/data/empty_nv.bin").close();
-    EXPECT_FALSE(CsumCheckForFile("/data/empty_nv.bin"));
-    EXPECT_EQ(kmsg(), "");
-    EXPECT_EQ(radio(), "");
 }
 
 // The NV validation wait reads the property 50 times, each read followed by a pause: a "1" set
@@ -136,11 +117,6 @@ std::string stamp_at(time_t t) {
     return buf;
 }
 
-off_t size_of(int fd) {
-    struct stat st = {};
-    return fstat(fd, &st) == 0 ? st.st_size : -1;
-}
-
 // A second attempt within the same second reuses the file names; it starts the files empty
 // instead of writing over the start of the earlier ones.
 TEST_F(DumpFilesTest, AttemptInTheSameSecondStartsItsFilesEmpty) {
@@ -162,8 +138,9 @@ TEST_F(DumpFilesTest, AttemptInTheSameSecondStartsItsFilesEmpty) {
     BootDump* bd = Container::bootDump;
     ASSERT_TRUE(bd->std_dump_prepare_args()) << kmsg();
     const std_dump* d = bd->getStdDump();
-    EXPECT_EQ(size_of(d->info_fd), 0);
-    EXPECT_EQ(size_of(d->dump_fd), 0);
+    struct stat info = {}, dump = {};
+    ASSERT_EQ(fstat(d->info_fd, &info) + fstat(d->dump_fd, &dump), 0);
+    EXPECT_EQ(info.st_size + dump.st_size, 0);
     // The files are write-only: the log is read back through its name.
     const std::string log = read_file("/proc/self/fd/" + std::to_string(d->log_fd));
     EXPECT_EQ(log.find('z'), std::string::npos) << log;
