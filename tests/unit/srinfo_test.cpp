@@ -109,7 +109,7 @@ TEST_F(SrinfoTest, BlockIsJudgedByItsMarkerAlone) {
         std::string text;
         long len;
         bool valid;
-        unsigned len_out;
+        size_t len_out;
         size_t text_len;
     } cases[] = {
         {kText, -1, true, 16 + strlen(kText), 41},
