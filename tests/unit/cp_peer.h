@@ -1,16 +1,13 @@
-// The CP end of a dump node for unit tests: a socket pair (one message per
-// read, working poll) whose far end a thread drives through a script of
-// "receive one message from the AP" and "send one message" actions.
+// The CP end of a boot or dump node for unit tests: a socket pair (one message
+// per read, working poll). The CP queues its messages before the AP reads;
+// what the AP wrote is read back afterwards.
 #pragma once
 
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <iterator>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -22,25 +19,24 @@ namespace cp_peer {
 using Bytes = std::vector<uint8_t>;
 
 inline Bytes le(uint32_t word) {
-    return {static_cast<uint8_t>(word), static_cast<uint8_t>(word >> 8),
-            static_cast<uint8_t>(word >> 16), static_cast<uint8_t>(word >> 24)};
+    Bytes b(4);
+    memcpy(b.data(), &word, 4);
+    return b;
 }
 
 inline Bytes info(uint32_t dump_size, uint32_t num_steps, uint32_t reason_len) {
     const udl::ul_info i = {dump_size, num_steps, reason_len};
-    Bytes b(sizeof(i));
-    memcpy(b.data(), &i, sizeof(i));
-    return b;
+    const auto* p = reinterpret_cast<const uint8_t*>(&i);
+    return Bytes(p, p + sizeof(i));
 }
 
 // A frame whose header says `size` whatever the payload that follows it.
 inline Bytes frame(uint32_t command, uint32_t num_frames, uint32_t curr_frame, uint32_t size,
                    const Bytes& payload) {
     const udl::ul_frame_header h = {command, num_frames, curr_frame, size};
-    const auto* head = reinterpret_cast<const uint8_t*>(&h);
-    Bytes b(head, head + sizeof(h));
-    b.reserve(sizeof(h) + payload.size());
-    std::copy(payload.begin(), payload.end(), std::back_inserter(b));
+    const auto* p = reinterpret_cast<const uint8_t*>(&h);
+    Bytes b(p, p + sizeof(h));
+    b.insert(b.end(), payload.begin(), payload.end());
     return b;
 }
 
@@ -54,84 +50,55 @@ inline Bytes pattern(uint32_t step, uint32_t curr_frame, size_t size) {
     return b;
 }
 
-class CpPeer {
-  public:
-    // cp is the CP end of the pair; the peer owns it.
-    explicit CpPeer(int cp) : cp_(cp) {}
-    ~CpPeer() {
-        stop();
-        close(cp_);
-    }
-    CpPeer(const CpPeer&) = delete;
-    CpPeer& operator=(const CpPeer&) = delete;
-
-    // Waits for one message from the AP and records it.
-    CpPeer& take() {
-        script_.push_back({true, {}});
-        return *this;
-    }
-    CpPeer& give(const Bytes& msg) {
-        script_.push_back({false, msg});
-        return *this;
-    }
-
-    void start() {
-        thread_ = std::thread([this] { run(); });
-    }
-
-    // For a script that runs to its end by itself.
-    void join() {
-        if (thread_.joinable()) {
-            thread_.join();
+// ap is the daemon's descriptor of the node, cp the far end.
+struct Node {
+    Node() {
+        int sv[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv), 0);
+        ap = sv[0];
+        cp = sv[1];
+        // Room for a whole dump queued at once and every request word of it
+        // (root may exceed the default).
+        const int room = 16 << 20;
+        for (int fd : sv) {
+            EXPECT_EQ(setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)), 0);
         }
     }
-
-    // Ends the script wherever it waits: the AP is done with the node.
-    void stop() {
-        if (thread_.joinable()) {
-            shutdown(cp_, SHUT_RDWR);
-            thread_.join();
-        }
+    ~Node() {
+        close(ap);
+        close(cp);
     }
+    Node(const Node&) = delete;
+    Node& operator=(const Node&) = delete;
 
-    // The words the AP wrote, in order (after join or stop).
+    Node& give(const Bytes& msg) {
+        EXPECT_EQ(send(cp, msg.data(), msg.size(), MSG_DONTWAIT), static_cast<ssize_t>(msg.size()));
+        return *this;
+    }
+    // The messages the AP wrote since the last call, each as a word
+    // (0xFFFFFFFF for one that is not a single word).
     std::vector<uint32_t> words() const {
         std::vector<uint32_t> out;
-        for (const Bytes& m : taken_) {
-            uint32_t w = 0xFFFFFFFF;  // anything but one word
-            if (m.size() == sizeof(w)) {
-                memcpy(&w, m.data(), sizeof(w));
+        uint8_t buf[64];
+        for (ssize_t n; (n = recv(cp, buf, sizeof(buf), MSG_DONTWAIT)) >= 0;) {
+            uint32_t w = 0xFFFFFFFF;
+            if (n == 4) {
+                memcpy(&w, buf, 4);
             }
             out.push_back(w);
         }
         return out;
     }
-
-  private:
-    struct Action {
-        bool take;
-        Bytes msg;
-    };
-
-    void run() {
-        for (const Action& a : script_) {
-            if (a.take) {
-                uint8_t buf[64];
-                ssize_t n = recv(cp_, buf, sizeof(buf), 0);
-                if (n <= 0) {
-                    return;
-                }
-                taken_.emplace_back(buf, buf + n);
-            } else if (send(cp_, a.msg.data(), a.msg.size(), MSG_NOSIGNAL) < 0) {
-                return;
-            }
+    int ap = -1, cp = -1;
+    // Messages the AP left unread.
+    int unread() const {
+        int n = 0;
+        uint8_t buf[16];
+        while (recv(ap, buf, sizeof(buf), MSG_DONTWAIT) > 0) {
+            ++n;
         }
+        return n;
     }
-
-    int cp_;
-    std::vector<Action> script_;
-    std::vector<Bytes> taken_;
-    std::thread thread_;
 };
 
 }  // namespace cp_peer

@@ -154,39 +154,38 @@ TEST_F(LogDirTest, CreationUsesTheFixedPathAndTheSpaceCheckUsesLogDir) {
               std::string::npos);
 }
 
-TEST_F(LogDirTest, FreeSpaceOfExactly500MbIsEnough) {
-    // tmpfs counts free space in pages; 128000 pages of 4 KiB are 4 x 125 MB.
+TEST_F(LogDirTest, FreeSpaceOfExactly500MbIsEnoughLessIsNoSpace) {
+    // tmpfs counts free space in pages: 128000 pages of 4 KiB are exactly
+    // 500 MB; one page less truncates to 124 blocks of 1024, 496 MB.
     ASSERT_EQ(sysconf(_SC_PAGESIZE), 4096) << "the sizes below assume 4 KiB pages";
-    small_fs(kRix, "512000k");
-    EXPECT_EQ(Log::create_log_directory(), 0);
-    EXPECT_EQ(kmsg(), "");
-}
-
-TEST_F(LogDirTest, FreeSpaceJustUnder500MbIsRefused) {
-    // One page less: 127999 / 1024 truncates to 124 blocks of 1024, 496 MB.
-    ASSERT_EQ(sysconf(_SC_PAGESIZE), 4096) << "the sizes below assume 4 KiB pages";
-    small_fs(kRix, "511996k");
-    EXPECT_EQ(Log::check_fs_log_directory(), -28);
-    EXPECT_EQ(kmsg(),
-              "<6>cpif: rix: check_fs_log_directory: Block size: 4096, Free Block: 127999, Free "
-              "Size: 496 MB\n"
-              "<6>cpif: rix: check_fs_log_directory: /data/vendor/log/rix: freespace is under 500 "
-              "MB\n");
-}
-
-TEST_F(LogDirTest, SmallLogFileSystemGivesNoSpace) {
-    small_fs(kRix, "1m");
-    EXPECT_EQ(Log::create_log_directory(), -28);
-    const long page = sysconf(_SC_PAGESIZE);
-    const std::string k = kmsg();
-    EXPECT_NE(k.find("check_fs_log_directory: Block size: " + std::to_string(page) +
-                     ", Free Block: " + std::to_string(1048576 / page) + ", Free Size: 0 MB\n"),
-              std::string::npos);
-    EXPECT_NE(k.find("check_fs_log_directory: /data/vendor/log/rix: freespace is under 500 MB\n"),
-              std::string::npos);
-    // The directory was there already: no creation line.
-    EXPECT_EQ(k.find("created"), std::string::npos);
-    EXPECT_EQ(radio().find("E/"), std::string::npos);
+    const std::string under =
+        "<6>cpif: rix: check_fs_log_directory: /data/vendor/log/rix: "
+        "freespace is under 500 MB\n";
+    const struct {
+        const char* size;
+        int ret;
+        std::string log;
+    } cases[] = {
+        {"512000k", 0, ""},
+        {"511996k", -28,
+         "<6>cpif: rix: check_fs_log_directory: Block size: 4096, Free Block: "
+         "127999, Free Size: 496 MB\n" +
+             under},
+        {"1m", -28,
+         "<6>cpif: rix: check_fs_log_directory: Block size: 4096, Free Block: 256, "
+         "Free Size: 0 MB\n" +
+             under},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.size);
+        small_fs(kRix, c.size);
+        clear_logs();
+        // The directory is there already: no creation line.
+        EXPECT_EQ(Log::create_log_directory(), c.ret);
+        EXPECT_EQ(kmsg(), c.log);
+        umount(kRix);
+        mounts_.pop_back();
+    }
 }
 
 }  // namespace

@@ -159,24 +159,11 @@ TEST_F(ProtocolTest, BootHandshakeWritesBothWordsAndStopsAtTheFirstWrongAnswer) 
                     "std_boot_finish_handshake: ERR! std_udl_stage_done fail"}));
 }
 
-TEST_F(ProtocolTest, AnyOperationOtherThanBootSelectsTheDumpNode) {
-    cp_send(dump_[1], le(0xAD00));
-    cp_send(dump_[1], le(0xAD0D));
-    EXPECT_EQ(proto_->std_udl_stage_start(OPERATION_DUMP, udl::kStageDump), 0);
-    // Step 13 shares its word with the stage's DONE and is sent as a step.
-    EXPECT_EQ(proto_->std_udl_req_resp(OPERATION_DUMP, udl::dump_step_request(13), 0), 0);
-    EXPECT_EQ(proto_->std_udl_stage_done(OPERATION_DUMP, udl::kStageDump), 0);
-    EXPECT_EQ(proto_->std_udl_req_resp(static_cast<operation>(7), 0x9D01, 0), 0);
-    EXPECT_EQ(
-        cp_received(dump_[1]),
-        (Msgs{{0x00, 0x9D, 0, 0}, {0x0D, 0x9D, 0, 0}, {0x0D, 0x9D, 0, 0}, {0x01, 0x9D, 0, 0}}));
-    EXPECT_TRUE(cp_received(boot_[1]).empty());
-}
-
 TEST_F(ProtocolTest, ZeroWordsAreSkippedAndTheAnswerIsOneWholeWord) {
-    // Request 0: nothing written, the answer is still awaited and checked.
+    // Request 0: nothing written, the answer is still awaited and checked,
+    // on the dump node for any operation other than the boot.
     cp_send(dump_[1], le(0xAD00));
-    EXPECT_EQ(proto_->std_udl_req_resp(OPERATION_DUMP, 0, 0xAD00), 0);
+    EXPECT_EQ(proto_->std_udl_req_resp(static_cast<operation>(7), 0, 0xAD00), 0);
     EXPECT_TRUE(cp_received(dump_[1]).empty());
     EXPECT_EQ(kmsg(), "");
 
@@ -210,6 +197,7 @@ TEST_F(ProtocolTest, ZeroWordsAreSkippedAndTheAnswerIsOneWholeWord) {
     EXPECT_EQ(cp_received(dump_[1]), (Msgs{{0x0D, 0x9D, 0, 0}}));
     EXPECT_EQ(kmsg(), klog({request(0x9D0D), "std_udl_req_resp: ERR! resp 0x0 != exp 0xAD0D",
                             failed(0x9D0D, 0xAD0D)}));
+    EXPECT_TRUE(cp_received(boot_[1]).empty());
 }
 
 void on_alarm(int) {}
@@ -327,16 +315,12 @@ TEST_F(ProtocolTest, FrameReadReturnsOneMessageBoundedByTheBufferAndReportsFailu
     EXPECT_EQ(copy, poll_err + read_err);
 }
 
+// The reboot itself is seen by Boot.TolerableAnswersBootAndSecureFailureRebootsByRegion.
 TEST_F(ProtocolTest, RebootGoesThroughThePowerControlProperty) {
-    EXPECT_EQ(proto_->std_reboot_system("secure"), 0);
-    EXPECT_EQ(prop("sys.powerctl"), "reboot,secure");
-    EXPECT_EQ(kmsg(), "");
-
-    // The value is cut to what a property holds.
+    // The value is cut to what a property holds; a refused property is
+    // reported and passed up.
     EXPECT_EQ(proto_->std_reboot_system(std::string(200, 'r').c_str()), 0);
     EXPECT_EQ(prop("sys.powerctl"), "reboot," + std::string(84, 'r'));
-
-    // A refused property is reported and passed up.
     setenv("RIX_PROPERTY_DIR", (dir_ + "/missing").c_str(), 1);
     EXPECT_EQ(proto_->std_reboot_system("secure"), -1);
     setenv("RIX_PROPERTY_DIR", prop_dir_.c_str(), 1);

@@ -107,15 +107,7 @@ void RixTest::set_cmdline(const std::string& text) {
 }
 
 std::string RixTest::kmsg() const {
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    off_t off = 0;
-    while ((n = pread(kmsg_capture_, buf, sizeof(buf), off)) > 0) {
-        out.append(buf, n);
-        off += n;
-    }
-    return out;
+    return read_file("/proc/self/fd/" + std::to_string(kmsg_capture_));
 }
 
 std::string RixTest::radio() const {
