@@ -13,17 +13,6 @@
 
 namespace systest {
 
-namespace {
-
-int code_of(int status) {
-    if (WIFEXITED(status)) {
-        return WEXITSTATUS(status);
-    }
-    return 128 + WTERMSIG(status);
-}
-
-}  // namespace
-
 Process::~Process() {
     if (pid_ > 0 && !code_) {
         stop(SIGKILL, std::chrono::milliseconds(2000));
@@ -72,10 +61,9 @@ bool Process::reap(bool block) {
     int status = 0;
     pid_t r = waitpid(pid_, &status, block ? 0 : WNOHANG);
     if (r == pid_) {
-        code_ = code_of(status);
-        return true;
+        code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    return false;
+    return r == pid_;
 }
 
 bool Process::running() {
@@ -112,11 +100,7 @@ int run(const std::vector<std::string>& argv, const std::string& output,
     Process p;
     p.start(argv, output);
     auto code = p.wait(timeout);
-    if (!code) {
-        p.stop(SIGKILL, std::chrono::milliseconds(1000));
-        return -1;
-    }
-    return *code;
+    return code ? *code : (p.stop(SIGKILL, std::chrono::milliseconds(1000)), -1);
 }
 
 }  // namespace systest
