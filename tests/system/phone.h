@@ -47,13 +47,13 @@ LogLine error(const std::string& err, const std::string& fn, const std::string& 
 inline constexpr int kClockSpeed = RIX_SANITIZED ? 1 : 10;
 
 inline const std::string kLogDir = "/data/vendor/log/rix";
-extern const LogLine kWaiting;       // the status loop waits for an event
-extern const LogLine kLoopExit;      // the status loop ended
-extern const LogLine kCallBoot;      // a boot starts
-extern const LogLine kBootDone;      // a boot worked
-extern const LogLine kBootFailed;    // a boot failed
-extern const LogLine kStatusReset;   // the crash handling ends with a new boot
-extern const LogLine kStartDumpFail; // one dump attempt failed
+extern const LogLine kWaiting;        // the status loop waits for an event
+extern const LogLine kLoopExit;       // the status loop ended
+extern const LogLine kCallBoot;       // a boot starts
+extern const LogLine kBootDone;       // a boot worked
+extern const LogLine kBootFailed;     // a boot failed
+extern const LogLine kStatusReset;    // the crash handling ends with a new boot
+extern const LogLine kStartDumpFail;  // one dump attempt failed
 
 // The lines of a text, without their line feeds.
 std::vector<std::string> lines_of(const std::string& text);

@@ -16,11 +16,11 @@ const std::string kNoEntry = "No such file or directory";
 struct Start {
     const char* label;
     std::vector<std::string> args;
-    std::string modem;      // vmodem scenario
-    std::string btl;        // the property before the start
-    std::string omit;       // a node left out of the phone
-    int exit;               // the daemon's exit status; -1: parked by the shutdown
-    std::string btl_after;  // the property written back
+    std::string modem;               // vmodem scenario
+    std::string btl;                 // the property before the start
+    std::string omit;                // a node left out of the phone
+    int exit;                        // the daemon's exit status; -1: parked by the shutdown
+    std::string btl_after;           // the property written back
     std::vector<std::string> trace;  // the driver's whole trace
     std::vector<LogLine> seen, unseen = {};
 };
@@ -85,40 +85,44 @@ const std::vector<std::string> kOff = {"open boot flags=0x8802", "ioctl boot POW
                                        "release boot"};
 // The size exchange on the memshare node (sizes as signed 32-bit numbers), then the power-off.
 std::vector<std::string> sized(const std::string& set, const std::string& get) {
-    return {"open memshare flags=0x8002", "ioctl memshare SET_BTL_SIZE size=" + set,
-            "ioctl memshare GET_BTL_SIZE -> " + get, "release memshare", kOff[0], kOff[1],
+    return {"open memshare flags=0x8002",
+            "ioctl memshare SET_BTL_SIZE size=" + set,
+            "ioctl memshare GET_BTL_SIZE -> " + get,
+            "release memshare",
+            kOff[0],
+            kOff[1],
             kOff[2]};
 }
 const std::vector<std::string> kRadio = {"-d", "-t", "vm420"};
 
+// clang-format off
 const Start kStarts[] = {
-        // A refused command line ends with -22 before any request, after its own line; one
-        // without -t leaves no controller: one message, one second, the same end.
-        Start{"RefusedModemName", {"-t", "nosuchmodem"}, "", "", "", 234, "", {},
-              {info("parseArgs", "Unknown modem")}},
-        Start{"WithoutModemType", {"-d"}, "", "", "", 234, "", {},
-              {info("main", "Invaild modem type 0")}},
-        // MiB << 20 in 32 unsigned bits to the driver; the driver's answer written back.
-        Start{"Radio", kRadio, "", "16", "", -1, "16", sized("16777216 -> 0", "0 size=16777216"),
-              {info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x01000000"),
-               info("main", "deviceOff = 1")}},
-        Start{"RunWithRoot", {"-d", "-o", "r", "-t", "vm420"}, "", "", "", -1, "0",
-              sized("0 -> 0", "0 size=0"),
-              {info("parseArgs", "run with root")}},
-        Start{"TopBit", kRadio, "", "2048", "", -1, "2048", sized("-2147483648 -> 0", "0 size=-2147483648"),
-              {info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x80000000")}},
-        Start{"Wraps", kRadio, "", "4096", "", -1, "0", sized("0 -> 0", "0 size=0"),
-              {info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x00000000")}},
-        Start{"SetRefused", kRadio, "btl_size 0x800000\nresult SET_BTL_SIZE -5\n", "16", "", -1,
-              "8", sized("16777216 -> -5 forced", "0 size=8388608"),
-              {error(kEio, "adjust_btl_ramsize", "Failed to IOCTL_SET_BTL_SIZE")}},
-        Start{"GetRefused", kRadio, "result GET_BTL_SIZE -5\n", "16", "", -1, "",
-              sized("16777216 -> 0", "-5 forced"),
-              {error(kEio, "adjust_btl_ramsize", "Failed to IOCTL_GET_BTL_SIZE")},
-              {error(kEio, "main", "adjust btl ramsize fail")}},
-        Start{"NoMemshare", kRadio, "", "16", "ramdump_memshare", -1, "", kOff,
-              {error(kNoEntry, "adjust_btl_ramsize", "ERR! (/dev/ramdump_memshare) open fail")},
-              {error(kNoEntry, "main", "adjust btl ramsize fail")}}};
+    // A refused command line ends with -22 before any request, after its own line; one
+    // without -t leaves no controller: one message, one second, the same end.
+    {"RefusedModemName", {"-t", "nosuchmodem"}, "", "", "", 234, "", {},
+     {info("parseArgs", "Unknown modem")}},
+    {"WithoutModemType", {"-d"}, "", "", "", 234, "", {}, {info("main", "Invaild modem type 0")}},
+    // MiB << 20 in 32 unsigned bits to the driver; the driver's answer written back.
+    {"Radio", kRadio, "", "16", "", -1, "16", sized("16777216 -> 0", "0 size=16777216"),
+     {info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x01000000"),
+      info("main", "deviceOff = 1")}},
+    {"RunWithRoot", {"-d", "-o", "r", "-t", "vm420"}, "", "", "", -1, "0",
+     sized("0 -> 0", "0 size=0"), {info("parseArgs", "run with root")}},
+    {"TopBit", kRadio, "", "2048", "", -1, "2048", sized("-2147483648 -> 0", "0 size=-2147483648"),
+     {info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x80000000")}},
+    {"Wraps", kRadio, "", "4096", "", -1, "0", sized("0 -> 0", "0 size=0"),
+     {info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x00000000")}},
+    {"SetRefused", kRadio, "btl_size 0x800000\nresult SET_BTL_SIZE -5\n", "16", "", -1, "8",
+     sized("16777216 -> -5 forced", "0 size=8388608"),
+     {error(kEio, "adjust_btl_ramsize", "Failed to IOCTL_SET_BTL_SIZE")}},
+    {"GetRefused", kRadio, "result GET_BTL_SIZE -5\n", "16", "", -1, "",
+     sized("16777216 -> 0", "-5 forced"),
+     {error(kEio, "adjust_btl_ramsize", "Failed to IOCTL_GET_BTL_SIZE")},
+     {error(kEio, "main", "adjust btl ramsize fail")}},
+    {"NoMemshare", kRadio, "", "16", "ramdump_memshare", -1, "", kOff,
+     {error(kNoEntry, "adjust_btl_ramsize", "ERR! (/dev/ramdump_memshare) open fail")},
+     {error(kNoEntry, "main", "adjust btl ramsize fail")}}};
+// clang-format on
 INSTANTIATE_TEST_SUITE_P(CommandLine, StartUp, ::testing::ValuesIn(kStarts),
                          [](const auto& row) { return std::string(row.param.label); });
 

@@ -45,8 +45,9 @@ TEST_F(Sandbox, EveryProcessEndsWithTheCommandOrOnSigterm) {
 TEST_F(Sandbox, LogTmpfsHasTheGivenSizeAndBelongsToRadioAndLog) {
     systest::Sandbox small;
     small.log_tmpfs = "64k";
-    start_in_phone({"/bin/sh", "-c", "stat -f -c '%b*%S' " + kLogDir + "; stat -c '%u:%g %a' " +
-                                         kLogDir + " /dev/log /dev/__properties__"},
+    start_in_phone({"/bin/sh", "-c",
+                    "stat -f -c '%b*%S' " + kLogDir + "; stat -c '%u:%g %a' " + kLogDir +
+                        " /dev/log /dev/__properties__"},
                    small);
     ASSERT_EQ(wait_exit(), 0) << output();
     EXPECT_EQ(output(), "16*4096\n1001:1007 775\n1001:1007 775\n1001:1001 775\n");
