@@ -94,49 +94,34 @@ bool may_shrink(const std::string& log_path) {
 // What the generator may do, one choice of {a|b|c} each; $step and $frame are a step and a frame
 // of the dump. A "result" setting is undone by its default, the others by misbehave_clear. A line
 // starting with '~' only on the fast clock: a silence costs the 30 s poll time-out.
-const std::vector<std::string> kBootFaults = {"set answer 0x900D {0xA00E|0xAF00|0x0|0xFFFFFFFF}",
-                                              "set answer 0x9F00 {0xAF01|0xA00D|0x0}",
-                                              "set result POWER_ON -5",
-                                              "set result POWER_RESET {-5|-110}",
-                                              "set result LOAD_CP_IMAGE {-14|-22|-5}",
-                                              "set result CHECK_SECURITY {-1|-13|7}",
-                                              "set result START_CP_BOOTLOADER -5",
-                                              "set result COMPLETE_NORMAL_BOOTUP -5",
-                                              "set result GET_MODEM_STATE {2|9|1|-5}",
-                                              "set result GET_SRINFO {-5|5000}",
-                                              "set result SET_SRINFO -22",
-                                              "set srinfo_marker {0|0xFFFFFFFF|0x5245564B}",
-                                              "~set answer {0x900D|0x9F00} none"};
+// clang-format off
+const std::vector<std::string> kBootFaults = {
+    "set answer 0x900D {0xA00E|0xAF00|0x0|0xFFFFFFFF}", "set answer 0x9F00 {0xAF01|0xA00D|0x0}",
+    "set result POWER_ON -5", "set result POWER_RESET {-5|-110}",
+    "set result LOAD_CP_IMAGE {-14|-22|-5}", "set result CHECK_SECURITY {-1|-13|7}",
+    "set result START_CP_BOOTLOADER -5", "set result COMPLETE_NORMAL_BOOTUP -5",
+    "set result GET_MODEM_STATE {2|9|1|-5}", "set result GET_SRINFO {-5|5000}",
+    "set result SET_SRINFO -22", "set srinfo_marker {0|0xFFFFFFFF|0x5245564B}",
+    "~set answer {0x900D|0x9F00} none"};
 const std::vector<std::string> kDumpFaults = {
-    "set answer 0x9D00 {0xAD01|0xA00D|0x0}",
-    "set answer 0x9D0D {0xAD0E|0xAD00}",
-    "set answer 0x9D0$step {0xAD0D|0xAD00}",
+    "set answer 0x9D00 {0xAD01|0xA00D|0x0}", "set answer 0x9D0D {0xAD0E|0xAD00}",
+    "set answer 0x9D0$step {0xAD0D|0xAD00}", "set frame_skip $step $frame",
     "set frame_size_field $step $frame {16385|0xFFFFFFFF|0|1|16384|0x7FFFFFFF}",
-    "set frame_skip $step $frame",
     "set frame_command $step {0xAD0F|0xAD00|0xAD0D|0x12345678}",
-    "set info_reason_len {0|1|505|506|4096|65535}",
-    "set info_num_steps {0|13|14|255|256|300}",
-    "set info_dump_size_delta {-1|1|-100000|4096|4000000000}",
-    "set region_zero_reads 1",
-    "set crash_reason_unterminated 1",
-    "set result GET_LOG_DUMP {-5|1}",
-    "set result GET_NUM_LOG_DUMP {-5|100000}",
-    "set result GET_CP_CRASH_REASON -14",
-    "set result ENTER_UPLOAD_MODE -5",
-    "set result GET_CPIF_VERSION -25",
-    "set result TRIGGER_AP_WDTRESET -1",
-    "~set answer {0x9D00|0x9D0D|0x9D01} none"};
+    "set info_reason_len {0|1|505|506|4096|65535}", "set info_num_steps {0|13|14|255|256|300}",
+    "set info_dump_size_delta {-1|1|-100000|4096|4000000000}", "set region_zero_reads 1",
+    "set crash_reason_unterminated 1", "set result GET_LOG_DUMP {-5|1}",
+    "set result GET_NUM_LOG_DUMP {-5|100000}", "set result GET_CP_CRASH_REASON -14",
+    "set result ENTER_UPLOAD_MODE -5", "set result GET_CPIF_VERSION -25",
+    "set result TRIGGER_AP_WDTRESET -1", "~set answer {0x9D00|0x9D0D|0x9D01} none"};
 // Where in the trace something happens mid-flight: the n-th line that begins with the prefix
 // (and holds the text after '|') after the round started, n up to the number given.
-const std::vector<std::pair<std::string, int>> kPoints = {{"ioctl boot LOAD_CP_IMAGE|mode=0", 12},
-                                                          {"ioctl boot LOAD_CP_IMAGE|mode=1", 3},
-                                                          {"ioctl boot POWER_RESET|", 1},
-                                                          {"write boot 0x0000900D|", 1},
-                                                          {"ioctl boot START_CP_BOOTLOADER|", 1},
-                                                          {"read dump INFO|", 1},
-                                                          {"read dump FRAME|", 6},
-                                                          {"ioctl dump GET_LOG_DUMP|", 8},
-                                                          {"ioctl dump GET_CP_CRASH_REASON|", 1}};
+const std::vector<std::pair<std::string, int>> kPoints = {
+    {"ioctl boot LOAD_CP_IMAGE|mode=0", 12}, {"ioctl boot LOAD_CP_IMAGE|mode=1", 3},
+    {"ioctl boot POWER_RESET|", 1}, {"write boot 0x0000900D|", 1},
+    {"ioctl boot START_CP_BOOTLOADER|", 1}, {"read dump INFO|", 1}, {"read dump FRAME|", 6},
+    {"ioctl dump GET_LOG_DUMP|", 8}, {"ioctl dump GET_CP_CRASH_REASON|", 1}};
+// clang-format on
 
 class Chaos : public Phone, public ::testing::WithParamInterface<unsigned> {
   protected:
@@ -163,18 +148,18 @@ class Chaos : public Phone, public ::testing::WithParamInterface<unsigned> {
             }
             s.replace(open, s.find('}') - open + 1, choices[pick(0, choices.size() - 1)]);
         }
-        for (const auto& [name, value] : {std::pair{"$step", std::to_string(pick(1, steps_))},
-                                          std::pair{"$frame", std::to_string(pick(1, frames_))}}) {
-            for (size_t at; (at = s.find(name)) != std::string::npos;) {
-                s.replace(at, std::string(name).size(), value);
-            }
+        if (auto at = s.find("$step"); at != std::string::npos) {
+            s.replace(at, 5, std::to_string(pick(1, steps_)));
+        }
+        if (auto at = s.find("$frame"); at != std::string::npos) {
+            s.replace(at, 6, std::to_string(pick(1, frames_)));
         }
         return s;
     }
 
     void send(const std::string& command) {
         const std::string reply = control(command);
-        EXPECT_EQ(reply.rfind("ok", 0), 0u) << command << ": " << reply << "; " << where();
+        EXPECT_EQ(reply.rfind("ok", 0), 0u) << command << ": " << reply;
         log_ << "  " << command << "\n";
         if (command.rfind("set result ", 0) == 0) {
             undo_.push_back(command.substr(0, command.rfind(' ')) + " default");
@@ -187,7 +172,7 @@ class Chaos : public Phone, public ::testing::WithParamInterface<unsigned> {
         for (const auto& [path, was] : evidence_) {
             if (was.first >= 0 && !may_shrink(path)) {
                 EXPECT_GE(now.count(path) ? now[path].first : -2, was.first)
-                    << "evidence file " << kLogDir << path << " shrank or went; " << where();
+                    << "evidence file " << kLogDir << path << " shrank or went; ";
                 now.emplace(path, was);  // keep what we knew, so a later look misses no loss
             }
         }
@@ -200,11 +185,10 @@ class Chaos : public Phone, public ::testing::WithParamInterface<unsigned> {
         for (const auto& [path, e] : now) {
             EXPECT_TRUE(may_change(path) ||
                         (baseline_.count(path) && (e.first < 0 || baseline_.at(path) == e)))
-                << "the daemon created or changed " << path << "; " << where();
+                << "the daemon created or changed " << path;
         }
         for (const auto& [path, e] : baseline_) {
-            EXPECT_TRUE(may_change(path) || now.count(path))
-                << "removed " << path << "; " << where();
+            EXPECT_TRUE(may_change(path) || now.count(path)) << "removed " << path;
         }
     }
 
@@ -297,14 +281,14 @@ class Chaos : public Phone, public ::testing::WithParamInterface<unsigned> {
         undo_.clear();
         log_ << "  (recovered)\n";
         EXPECT_TRUE(wait_settled(boots_before, 150s))
-            << "the daemon did not bring the CP up again, or ended; " << where()
+            << "the daemon did not bring the CP up again, or ended; "
             << "\nhandles: " << control("query handles") << "\nfacts: " << control("query facts")
             << "\n"
             << log_.str() << output();
         // No descriptor of a file left behind: the same as after the first boot.
         EXPECT_TRUE(eventually([&] { return own_handles() == handles_; }, 10s))
             << "descriptors after round " << n << ": " << ::testing::PrintToString(own_handles())
-            << ", after the first boot: " << ::testing::PrintToString(handles_) << "; " << where();
+            << ", after the first boot: " << ::testing::PrintToString(handles_);
         check_evidence();
         check_writes();
     }
@@ -329,7 +313,7 @@ TEST_P(Chaos, DaemonSurvivesAMisbehavingModem) {
              << "\nframe_payload " << payload << "\nregion_default_size " << pick(0, 9000)
              << "\nregion_count 2 " << pick(0, 3) << "\n";
     boot(scenario.str(), {}, "0x4948", fast_clock());
-    ASSERT_TRUE(wait_settled(0, 60s)) << radio_log() << "; " << where();
+    ASSERT_TRUE(wait_settled(0, 60s)) << radio_log();
     baseline_ = snapshot(root());
     evidence_ = snapshot(root() + kLogDir);
     handles_ = own_handles();
@@ -337,8 +321,7 @@ TEST_P(Chaos, DaemonSurvivesAMisbehavingModem) {
         round(n);  // the first broken round tells the story; later ones only repeat it
     }
     for (const char* bad : {"Sanitizer", "runtime error:", "Segmentation", "Aborted"}) {
-        EXPECT_EQ(output().find(bad), std::string::npos) << bad << "; " << where() << "\n"
-                                                         << output();
+        EXPECT_EQ(output().find(bad), std::string::npos) << bad << "\n" << output();
     }
     if (std::getenv("RIX_CHAOS_VERBOSE") != nullptr || HasFailure()) {
         std::cerr << "chaos seed " << GetParam() << ", what the generator did:\n" << log_.str();

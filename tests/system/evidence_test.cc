@@ -2,18 +2,10 @@
 // named complete with its reason and every region; a dump that a misbehaving CP or a full log
 // partition cut short is named partial with what is missing, and the reader exits non-zero. The
 // JSON form validates against the reader's schema.
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
-
 #include "phone.h"
-#include "process.h"
 
 namespace systest {
 namespace {
-
-const LogLine kStatusReset = info("status_loop", "CP status RESET");
 
 struct Row {
     const char* label;
@@ -24,13 +16,6 @@ struct Row {
     const char* verdict;            // of the crash, in the JSON form
     std::vector<std::string> says;  // in the text form
 };
-
-std::string host_text(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 void PrintTo(const Row& r, std::ostream* os) {
     *os << r.label;
@@ -48,15 +33,9 @@ class Evidence : public Phone, public ::testing::WithParamInterface<Row> {};
 
 TEST_P(Evidence, TellsWhetherTheCrashJustCollectedIsWhole) {
     const Row& row = GetParam();
-    build_modem();
-    start_modem(row.scenario);
-    set_property("ro.boot.debug_level", "0x4948");
-    set_property("vendor.rix.rfs_check_done", "1");
     Sandbox sandbox;
     sandbox.log_tmpfs = row.log_tmpfs;
-    sandbox.faketime = kClockSpeed > 1 ? std::to_string(kClockSpeed) : "";
-    start_rix({"-d", "-t", "vm420"}, sandbox);
-    ASSERT_TRUE(wait_logged(kWaiting, 60s)) << radio_log();
+    boot(row.scenario, {}, "0x4948", fast_clock(sandbox));
     control("crash");
     if (!row.recover.empty()) {
         ASSERT_TRUE(wait_trace(row.recover, 60s)) << modem().trace();
@@ -66,12 +45,10 @@ TEST_P(Evidence, TellsWhetherTheCrashJustCollectedIsWhole) {
 
     // A log tmpfs lives in the phone's mount namespace: read it through the daemon's root.
     const std::string dir = "/proc/" + std::to_string(rix_pid()) + "/root" + kLogDir;
-    const std::string text = root() + "/../evidence.txt";
-    const std::string json = root() + "/../evidence.json";
-    const std::string checked = root() + "/../evidence.schema.out";
-    EXPECT_EQ(run({EVIDENCE_BIN, dir}, text, 60s), row.status);
-    EXPECT_EQ(run({EVIDENCE_BIN, "--json", dir}, json, 60s), row.status);
-    const std::string report = host_text(text);
+    // The outputs go into the phone's root, to be read like its files.
+    EXPECT_EQ(run({EVIDENCE_BIN, dir}, root() + "/evidence.txt", 60s), row.status);
+    EXPECT_EQ(run({EVIDENCE_BIN, "--json", dir}, root() + "/evidence.json", 60s), row.status);
+    const std::string report = read_file("/evidence.txt");
     for (const std::string& line : row.says) {
         EXPECT_NE(report.find(line), std::string::npos) << line << "\nnot in:\n" << report;
     }
@@ -81,11 +58,11 @@ TEST_P(Evidence, TellsWhetherTheCrashJustCollectedIsWhole) {
                    "jsonschema.validate(doc, json.load(open(sys.argv[1])),\n"
                    "                    cls=jsonschema.Draft202012Validator)\n"
                    "print(len(doc['crashes']), doc['crashes'][0]['verdict'])\n",
-                   EVIDENCE_SCHEMA, json},
-                  checked, 60s),
+                   EVIDENCE_SCHEMA, root() + "/evidence.json"},
+                  root() + "/schema.out", 60s),
               0)
-        << host_text(checked);
-    EXPECT_EQ(host_text(checked), std::string("1 ") + row.verdict + "\n");
+        << read_file("/schema.out");
+    EXPECT_EQ(read_file("/schema.out"), std::string("1 ") + row.verdict + "\n");
 }
 
 // What the report must say, each piece on one of its lines.

@@ -39,13 +39,6 @@ int count_prefix(const std::vector<std::string>& lines, const std::string& prefi
 
 namespace {
 
-std::string read_host(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 int count_lines(const std::string& text, const std::string& wanted) {
     auto lines = lines_of(text);
     return static_cast<int>(std::count(lines.begin(), lines.end(), wanted));
@@ -111,7 +104,7 @@ void Phone::build_modem(const std::vector<std::string>& parts, const std::vector
     std::vector<std::string> nv_file = {MKMODEM_BIN, "nv", nv_path()};
     nv_file.insert(nv_file.end(), nv.begin(), nv.end());
     for (const auto& argv : {image, nv_file}) {
-        ASSERT_EQ(run(argv, work_ + "/mkmodem.out", 30s), 0) << read_host(work_ + "/mkmodem.out");
+        ASSERT_EQ(run(argv, work_ + "/mkmodem.out", 30s), 0) << read_text(work_ + "/mkmodem.out");
     }
 }
 
@@ -159,20 +152,20 @@ void Phone::boot(const std::string& scenario, const std::vector<std::string>& ar
 }
 
 std::string Phone::output() const {
-    return read_host(work_ + "/vphone.out");
+    return read_text(work_ + "/vphone.out");
 }
 
 pid_t Phone::rix_pid() {
     const std::string file = work_ + "/rix.pid";
     if (rix_pid_ <= 0 &&
-        eventually([&] { return read_host(file).find('\n') != std::string::npos; }, kWait)) {
-        rix_pid_ = std::stoi(read_host(file));
+        eventually([&] { return read_text(file).find('\n') != std::string::npos; }, kWait)) {
+        rix_pid_ = std::stoi(read_text(file));
     }
     return rix_pid_;
 }
 
 std::string Phone::proc_status(const std::string& field) {
-    for (const auto& line : lines_of(read_host("/proc/" + std::to_string(rix_pid()) + "/status"))) {
+    for (const auto& line : lines_of(read_text("/proc/" + std::to_string(rix_pid()) + "/status"))) {
         if (line.rfind(field + ":", 0) == 0) {
             return line.substr(line.find_first_not_of(" \t", field.size() + 1));
         }
@@ -194,7 +187,7 @@ std::map<std::string, int> Phone::open_handles() {
 }
 
 std::string Phone::read_file(const std::string& phone_path) const {
-    return read_host(root() + phone_path);
+    return read_text(root() + phone_path);
 }
 
 bool Phone::exists(const std::string& phone_path) const {

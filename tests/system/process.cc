@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -93,6 +95,13 @@ int Process::stop(int sig, std::chrono::milliseconds grace) {
         }
     }
     return *code_;
+}
+
+std::string read_text(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
 }
 
 int run(const std::vector<std::string>& argv, const std::string& output,

@@ -25,7 +25,6 @@ class Process {
     std::optional<int> wait(std::chrono::milliseconds timeout);
     // Sends `sig`, waits up to `grace`, then kills it; returns the exit code.
     int stop(int sig, std::chrono::milliseconds grace);
-    std::optional<int> exit_code() const { return code_; }
 
   private:
     bool reap(bool block);
@@ -33,6 +32,9 @@ class Process {
     pid_t pid_ = -1;
     std::optional<int> code_;
 };
+
+// The whole content of a host file ("" when it cannot be read).
+std::string read_text(const std::string& path);
 
 // Runs a command to its end (at most `timeout`); returns its exit code, or -1 on time-out.
 int run(const std::vector<std::string>& argv, const std::string& output,

@@ -8,30 +8,6 @@ namespace {
 using StatusLoop = Phone;
 const LogLine kUnknown = info("status_loop", "unknown Modem status");
 
-TEST_F(StatusLoop, UnknownStateIsOneEventAndTheLoopWaitsAgainOnItsOwnDescriptor) {
-    boot("");
-    // Only the loop's own descriptor is open: the boot closed all of its own.
-    EXPECT_EQ(modem().handles(),
-              (std::map<std::string, int>{{"boot", 1}, {"dump", 0}, {"memshare", 0}}));
-    for (int n = 1; n <= 2; ++n) {
-        control("hangup 4");
-        ASSERT_TRUE(wait_logged(kUnknown, kWait, n)) << radio_log();
-        // One hang-up is one event: the loop then sleeps in poll again instead of re-reading.
-        std::this_thread::sleep_for(300ms);
-        EXPECT_EQ(count(info("status_loop", "get event 4")), n);
-        EXPECT_EQ(count(kUnknown), n);
-        EXPECT_EQ(count(info("status_loop", "deviceOff = 0")), n);
-    }
-    EXPECT_EQ(count(kWaiting), 1) << "the loop must not start over";
-    EXPECT_EQ(count(kLoopExit), 0);
-    EXPECT_EQ(count(info("status_loop", "CP status_loop start (modem = 1)")), 1);
-    EXPECT_EQ(property("vendor.rix.cp_reset"), "1");
-    EXPECT_EQ(property("vendor.rix.boot_done"), "1");
-    // The boot asks for the state once before powering on, the loop once per event.
-    EXPECT_EQ(traced("ioctl boot GET_MODEM_STATE -> 4"), 2) << modem().trace();
-    EXPECT_TRUE(rix_running());
-}
-
 // A crash reset waits 3 s for rild, saves the kernel log, waits 27 s more and boots again. It
 // acts on the debug level read at start; a crash reads the level again, and at DBG_LOW waits 3 s
 // for rild and boots again without evidence (a minidump property without -o m changes nothing).
@@ -95,8 +71,9 @@ TEST_F(StatusLoop, CrashResetWaitsForRildAtTheStartUpLevelACrashReadsTheLevelAga
     EXPECT_EQ(state_lines, 3) << "only each boot's own read logs the state";
 }
 
-// Without a boot the loop starts at once. A shutdown seen at an event powers the CP off, is
-// recorded and parks the daemon. The loop count is read with atoi's leniency and wraps like a
+// Without a boot the loop starts at once. An unknown state is one event, after which the loop
+// waits again on its own descriptor. A shutdown seen at an event powers the CP off, is recorded
+// and parks the daemon. The loop count is read with atoi's leniency and wraps like a
 // 32-bit counter. A crash reset with a CP debug option ends the loop at once and the cycle starts
 // it again a second later.
 TEST_F(StatusLoop, WithoutBootCountsItsStartsAndPowersOffAtAShutdown) {
@@ -107,6 +84,19 @@ TEST_F(StatusLoop, WithoutBootCountsItsStartsAndPowersOffAtAShutdown) {
     ASSERT_TRUE(wait_logged(kWaiting)) << radio_log();
     EXPECT_EQ(property("vendor.rix.cp_reset"), "8");
     EXPECT_EQ(property("vendor.rix.boot_done"), "1");
+    for (int n = 1; n <= 2; ++n) {
+        control("hangup 4");
+        ASSERT_TRUE(wait_logged(kUnknown, kWait, n)) << radio_log();
+        // One hang-up is one event: the loop then sleeps in poll again instead of re-reading.
+        std::this_thread::sleep_for(300ms);
+        EXPECT_EQ(count(info("status_loop", "get event 4")), n);
+        EXPECT_EQ(count(kUnknown), n);
+        EXPECT_EQ(count(info("status_loop", "deviceOff = 0")), n);
+    }
+    EXPECT_EQ(traced("ioctl boot GET_MODEM_STATE -> 4"), 2) << modem().trace();
+    EXPECT_EQ(count(kWaiting), 1) << "the loop must not start over";
+    EXPECT_EQ(count(info("status_loop", "CP status_loop start (modem = 1)")), 1);
+    EXPECT_EQ(traced("open boot"), 1) << "the loop keeps its one descriptor across events";
     set_property("sys.shutdown.requested", "1");
     control("hangup 4");
     ASSERT_TRUE(wait_logged(info("status_loop", "shutdown"))) << radio_log();
@@ -114,7 +104,7 @@ TEST_F(StatusLoop, WithoutBootCountsItsStartsAndPowersOffAtAShutdown) {
         << "logged once when read and once more before the power-off";
     ASSERT_TRUE(wait_property("vendor.rix.deviceOffRes", "1"));
     EXPECT_EQ(modem().requests("POWER_OFF").size(), 1u) << modem().trace();
-    EXPECT_EQ(count(info("status_loop", "get event 4")), 0) << "the state is not acted on";
+    EXPECT_EQ(count(info("status_loop", "get event 4")), 2) << "the state is not acted on";
     std::this_thread::sleep_for(1s);
     EXPECT_TRUE(rix_running()) << "the daemon sleeps for ever after the power-off";
 

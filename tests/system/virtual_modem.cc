@@ -16,17 +16,6 @@ namespace fs = std::filesystem;
 
 namespace systest {
 
-namespace {
-
-std::string read_all(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-}  // namespace
-
 void VirtualModem::start(const std::string& scenario) {
     fs::create_directories(mount_dir());
     const std::string ready = dir_ + "/ready";
@@ -38,7 +27,7 @@ void VirtualModem::start(const std::string& scenario) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!fs::exists(ready)) {
         if (!process_.running() || std::chrono::steady_clock::now() > deadline) {
-            throw std::runtime_error("vmodem did not start: " + read_all(dir_ + "/vmodem.out"));
+            throw std::runtime_error("vmodem did not start: " + read_text(dir_ + "/vmodem.out"));
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -90,7 +79,7 @@ std::map<std::string, int> VirtualModem::handles() const {
 }
 
 std::string VirtualModem::trace() const {
-    return read_all(trace_path());
+    return read_text(trace_path());
 }
 
 std::vector<std::string> VirtualModem::requests(const std::string& name) const {
