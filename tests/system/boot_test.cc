@@ -163,10 +163,6 @@ struct OneShotRow {
     std::string unwritten = "";                     // a file of the phone left missing or empty
 };
 
-void PrintTo(const OneShotRow& r, std::ostream* os) {
-    *os << r.label;
-}
-
 class OneShot : public Phone, public ::testing::WithParamInterface<OneShotRow> {};
 
 TEST_P(OneShot, BootsAsTheRowSays) {
@@ -296,10 +292,6 @@ struct Failure {
     bool one_shot = false;
     Millis gap = 1s;  // at least between two attempts
 };
-
-void PrintTo(const Failure& f, std::ostream* os) {
-    *os << f.label;
-}
 
 class BootFailure : public Phone, public ::testing::WithParamInterface<Failure> {};
 

@@ -69,17 +69,14 @@ bool under(const std::string& path, const std::string& dir) {
 
 // What the daemon is meant to write: its log directory, the minidump directory, the kernel and
 // Android logs, properties, the wake lock files, the SIM configuration and the NV files.
+// clang-format off
+const std::vector<std::string> kWritable = {
+    kLogDir, "/data/vendor/ramdump", "/dev/log", "/dev/__properties__", "/sys/power", "/dev/kmsg",
+    "/sys/devices/platform/cpif/sim/ds_detect", "/mnt/vendor/efs/nv_data.bin",
+    "/mnt/vendor/efs/nv_data_temp.bin"};
+// clang-format on
 bool may_change(const std::string& path) {
-    static const std::vector<std::string> places = {kLogDir,
-                                                    "/data/vendor/ramdump",
-                                                    "/dev/log",
-                                                    "/dev/__properties__",
-                                                    "/sys/power",
-                                                    "/dev/kmsg",
-                                                    "/sys/devices/platform/cpif/sim/ds_detect",
-                                                    "/mnt/vendor/efs/nv_data.bin",
-                                                    "/mnt/vendor/efs/nv_data_temp.bin"};
-    return std::any_of(places.begin(), places.end(), [&](const std::string& p) {
+    return std::any_of(kWritable.begin(), kWritable.end(), [&](const std::string& p) {
         return under(path, p) || under(p, path);  // the place itself or a directory on its way
     });
 }

@@ -25,15 +25,12 @@ TEST_F(Decisions, UploadTestDumpsAsRootThenBootsWithoutResendingVss) {
     ASSERT_TRUE(wait_logged(kWaiting, 60s)) << radio_log();
 
     EXPECT_NE(kmsg().find("<6>cpif: rix: main: \n\n ---- upload ----\n\n"), std::string::npos);
-    for (const auto& [line, n] : std::vector<std::pair<LogLine, int>>{
-             {info("main", "Start with root"), 0},
-             {kBootFailed, 0},
-             {info("set_minidump_mode", "minidump mode is disabled"), 1},
-             {kCallBoot, 1},
-             {info("load_cp_images", "stage[3] : stage is already xmit once"), 1},
-             {info("boot", "skip VSS check"), 1}}) {
-        EXPECT_EQ(count(line), n) << line.kernel;
-    }
+    expect_counts({{info("main", "Start with root"), 0},
+                   {kBootFailed, 0},
+                   {info("set_minidump_mode", "minidump mode is disabled"), 1},
+                   {kCallBoot, 1},
+                   {info("load_cp_images", "stage[3] : stage is already xmit once"), 1},
+                   {info("boot", "skip VSS check"), 1}});
     auto trace = lines_of(modem().trace());
     EXPECT_LT(std::find(trace.begin(), trace.end(), "ioctl boot SET_MINIDUMP_MODE enable=0 -> 0"),
               std::find(trace.begin(), trace.end(), "open dump flags=0x8002"));
@@ -111,12 +108,7 @@ TEST_F(Decisions, CrashWhileBootingIsTwoAtTheFirstReadOrNineAtTheSecond) {
         return out;
     };
     auto seen = [&](const std::string& h) {
-        return eventually(
-            [&] {
-                auto all = handlings();
-                return std::find(all.begin(), all.end(), h) != all.end();
-            },
-            60s);
+        return eventually([&] { return std::ranges::count(handlings(), h) > 0; }, 60s);
     };
     ASSERT_TRUE(seen("2C")) << kmsg();
     control("hangup 9");

@@ -17,10 +17,6 @@ struct Row {
     std::vector<std::string> says;  // in the text form
 };
 
-void PrintTo(const Row& r, std::ostream* os) {
-    *os << r.label;
-}
-
 std::vector<std::string> every_region(const std::string& size) {
     std::vector<std::string> out;
     for (const char* name : {"shmem", "vss", "databuf", "l2b", "pmux0", "pmux1", "cp_btl", "ddm"}) {
@@ -70,55 +66,38 @@ const std::string kCut = "reception did not finish: step ";
 const std::string kUnannounced =
     "partial: dump: the size the CP announced is not in the evidence; ";
 
-INSTANTIATE_TEST_SUITE_P(
-    Crashes, Evidence,
-    ::testing::Values(
-        Row{"Whole",
-            "dump_size 1000000\ndump_steps 2\nregion_default_size 3000\nregion_count 2 2\n"
-            "dump_reason evidence test\n",
-            "", "", 0, "complete",
-            [] {
-                auto says = every_region("3000");
-                says.insert(says.end(), {"(umts): complete\n",
-                                         "  reason       CP Crash by CP - UMTS: evidence test\n",
-                                         "  followed by  upload mode\n",
-                                         ": 1000000 of 1000000 bytes announced, 2 steps saved, ",
-                                         ", reception finished (DONE)\n",
-                                         "  kernel log   before: cpcrash_umts_klog_before_",
-                                         "  kernel log   after: cpcrash_umts_klog_after_",
-                                         "  verdict      complete\n"});
-                return says;
-            }()},
-        // Frames 1, 2, 4 of step 2, in each of the seven attempts.
-        Row{"FrameSkipped",
-            "dump_size 100000\ndump_steps 2\nframe_payload 10000\nframe_skip 2 3\n",
-            "",
-            "",
-            1,
-            "partial",
-            {"(umts): partial, 7 attempts\n",
-             "    verdict      partial: dump: 70000 of 100000 bytes; ",
-             kCut + "2: curr_frame 4 != seqn 3\n"}},
-        // Room for the regions but not for the dump; later attempts find no room at all.
-        Row{"FullLogPartition",
-            "dump_size 629145600\ndump_steps 4\n",
-            "560m",
-            "",
-            1,
-            "partial",
-            {"(umts): partial\n", " bytes, the size the CP announced is not known",
-             "  verdict      " + kUnannounced + kCut}},
-        // The CP stops before step 2 once; the retry collects the dump whole.
-        Row{"CpStopsThenRetrySucceeds",
-            "dump_size 100000\ndump_steps 2\nanswer 0x9D02 none\n",
-            "",
-            "write dump 0x00009D02",
-            0,
-            "complete",
-            {"(umts): complete, 2 attempts\n",
-             "    verdict      " + kUnannounced + kCut + "2: std_ul_rx_frame fail (ret -5)\n",
-             "    verdict      complete\n"}}),
-    [](const ::testing::TestParamInfo<Row>& info) { return std::string(info.param.label); });
+// clang-format off
+const Row kRows[] = {
+    {"Whole", "dump_size 1000000\ndump_steps 2\nregion_default_size 3000\nregion_count 2 2\n"
+     "dump_reason evidence test\n", "", "", 0, "complete", [] {
+         auto says = every_region("3000");
+         says.insert(says.end(), {"(umts): complete\n",
+                                  "  reason       CP Crash by CP - UMTS: evidence test\n",
+                                  "  followed by  upload mode\n",
+                                  ": 1000000 of 1000000 bytes announced, 2 steps saved, ",
+                                  ", reception finished (DONE)\n",
+                                  "  kernel log   before: cpcrash_umts_klog_before_",
+                                  "  kernel log   after: cpcrash_umts_klog_after_",
+                                  "  verdict      complete\n"});
+         return says;
+     }()},
+    // Frames 1, 2, 4 of step 2, in each of the seven attempts.
+    {"FrameSkipped", "dump_size 100000\ndump_steps 2\nframe_payload 10000\nframe_skip 2 3\n", "",
+     "", 1, "partial", {"(umts): partial, 7 attempts\n",
+     "    verdict      partial: dump: 70000 of 100000 bytes; ", kCut + "2: curr_frame 4 != seqn 3\n"}},
+    // Room for the regions but not for the dump; later attempts find no room at all.
+    {"FullLogPartition", "dump_size 629145600\ndump_steps 4\n", "560m", "", 1, "partial",
+     {"(umts): partial\n", " bytes, the size the CP announced is not known",
+      "  verdict      " + kUnannounced + kCut}},
+    // The CP stops before step 2 once; the retry collects the dump whole.
+    {"CpStopsThenRetrySucceeds", "dump_size 100000\ndump_steps 2\nanswer 0x9D02 none\n", "",
+     "write dump 0x00009D02", 0, "complete", {"(umts): complete, 2 attempts\n",
+     "    verdict      " + kUnannounced + kCut + "2: std_ul_rx_frame fail (ret -5)\n",
+     "    verdict      complete\n"}},
+};
+// clang-format on
+INSTANTIATE_TEST_SUITE_P(Crashes, Evidence, ::testing::ValuesIn(kRows),
+                         [](const auto& row) { return std::string(row.param.label); });
 
 }  // namespace
 }  // namespace systest

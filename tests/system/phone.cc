@@ -137,7 +137,6 @@ void Phone::start_in_phone(const std::vector<std::string>& command, const Sandbo
     }
     argv.push_back("--");
     argv.insert(argv.end(), command.begin(), command.end());
-    rix_pid_ = -1;
     vphone_.start(argv, work_ + "/vphone.out");
 }
 
@@ -157,11 +156,8 @@ std::string Phone::output() const {
 
 pid_t Phone::rix_pid() {
     const std::string file = work_ + "/rix.pid";
-    if (rix_pid_ <= 0 &&
-        eventually([&] { return read_text(file).find('\n') != std::string::npos; }, kWait)) {
-        rix_pid_ = std::stoi(read_text(file));
-    }
-    return rix_pid_;
+    eventually([&] { return read_text(file).find('\n') != std::string::npos; }, kWait);
+    return std::atoi(read_text(file).c_str());
 }
 
 std::string Phone::proc_status(const std::string& field) {

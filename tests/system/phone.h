@@ -119,7 +119,12 @@ class Phone : public ::testing::Test {
     std::optional<std::string> property(const std::string& name) const;
     // Number of lines of both copies holding the message (each copy counted; -1 if they differ).
     int count(const LogLine& line) const;
-    bool logged(const LogLine& line) const { return count(line) > 0; }
+    // Each line counted as the pair says.
+    void expect_counts(const std::vector<std::pair<LogLine, int>>& lines) const {
+        for (const auto& [line, n] : lines) {
+            EXPECT_EQ(count(line), n) << line.kernel;
+        }
+    }
     // Names of the files of the log directory that begin with `prefix`, sorted.
     std::vector<std::string> files(const std::string& prefix) const;
     // Trace lines that begin with `prefix`.
@@ -154,7 +159,6 @@ class Phone : public ::testing::Test {
     bool built_ = false;
     std::unique_ptr<VirtualModem> modem_;
     Process vphone_;
-    pid_t rix_pid_ = -1;
 };
 
 }  // namespace systest

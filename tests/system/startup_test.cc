@@ -25,10 +25,6 @@ struct Start {
     std::vector<LogLine> seen, unseen = {};
 };
 
-void PrintTo(const Start& s, std::ostream* os) {
-    *os << s.label;
-}
-
 class StartUp : public Phone, public ::testing::WithParamInterface<Start> {};
 
 TEST_P(StartUp, Runs) {
