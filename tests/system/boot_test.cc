@@ -161,6 +161,8 @@ struct OneShotRow {
     std::string made = "";                          // the file the row makes
     std::string made_of = "";                       // its content; "" when only its presence
     std::string unwritten = "";                     // a file of the phone left missing or empty
+    // Rows print as their label in test names and messages.
+    friend void PrintTo(const OneShotRow& row, std::ostream* os) { *os << row.label; }
 };
 
 class OneShot : public Phone, public ::testing::WithParamInterface<OneShotRow> {};
@@ -291,6 +293,8 @@ struct Failure {
     const char* reboot = "";         // sys.powerctl of a phone sold as TMB
     bool one_shot = false;
     Millis gap = 1s;  // at least between two attempts
+    // Rows print as their label in test names and messages.
+    friend void PrintTo(const Failure& row, std::ostream* os) { *os << row.label; }
 };
 
 class BootFailure : public Phone, public ::testing::WithParamInterface<Failure> {};

@@ -70,6 +70,8 @@ struct Collection {
     uint64_t seed, size;
     std::vector<std::pair<std::string, uint64_t>> regions;
     std::vector<std::pair<LogLine, int>> lines;
+    // Rows print as their label in test names and messages.
+    friend void PrintTo(const Collection& row, std::ostream* os) { *os << row.label; }
 };
 
 class Collected : public Crash, public ::testing::WithParamInterface<Collection> {};
@@ -229,6 +231,8 @@ struct Handling {
     int watchdog_requests = 0;
     bool dump_node_opened = false;
     bool spoil_log_dir = false;
+    // Rows print as their label in test names and messages.
+    friend void PrintTo(const Handling& row, std::ostream* os) { *os << row.label; }
 };
 
 class Handled : public Crash, public ::testing::WithParamInterface<Handling> {};

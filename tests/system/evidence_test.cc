@@ -15,6 +15,8 @@ struct Row {
     int status;                     // of the reader
     const char* verdict;            // of the crash, in the JSON form
     std::vector<std::string> says;  // in the text form
+    // Rows print as their label in test names and messages.
+    friend void PrintTo(const Row& row, std::ostream* os) { *os << row.label; }
 };
 
 std::vector<std::string> every_region(const std::string& size) {

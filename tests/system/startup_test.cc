@@ -23,6 +23,8 @@ struct Start {
     std::string btl_after;           // the property written back
     std::vector<std::string> trace;  // the driver's whole trace
     std::vector<LogLine> seen, unseen = {};
+    // Rows print as their label in test names and messages.
+    friend void PrintTo(const Start& row, std::ostream* os) { *os << row.label; }
 };
 
 class StartUp : public Phone, public ::testing::WithParamInterface<Start> {};
