@@ -355,8 +355,8 @@ const Failure kFailures[] = {
     {"Bootloader", "result START_CP_BOOTLOADER -5\n", {}, "ERR! std_boot_start_cp_bootloader fail",
      {error(kEio, "std_boot_start_cp_bootloader", "ERR! IOCTL_START_CP_BOOTLOADER fail")}},
     {"Handshake", "answer 0x900D 0xA00E\n", {}, "ERR! std_boot_finish_handshake fail"},
-    {"SilentBootLoader", "answer 0x900D none\n", {}, "ERR! std_boot_finish_handshake fail", {}, "",
-     "", false, 30s},
+    {"SilentBootLoader", "answer 0x900D none\n", {}, "ERR! std_boot_finish_handshake fail",
+     {info("std_udl_poll", "ERR! poll fail (events 0x1, TIMEOUT)")}, "", "", false, 30s},
     {"Finish", "answer 0x9F00 0xAF01\n", {}, "ERR! std_boot_finish_handshake fail"},
     // A completion failure is still reported to the driver.
     {"Complete", "result COMPLETE_NORMAL_BOOTUP -5\n", {},

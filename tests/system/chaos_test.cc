@@ -201,16 +201,13 @@ class Chaos : public Phone, public ::testing::WithParamInterface<unsigned> {
     // (after an unknown state it waits again without a new wait line) with its one descriptor,
     // and the modem is online.
     bool settled(int boots_before) {
-        std::string last;
-        for (const auto& l : lines_of(radio_log())) {
-            if (l.find(" status_loop: ") != std::string::npos ||
-                l.find(" main: ") != std::string::npos) {
-                last = l;
-            }
-        }
-        return count(kBootDone) > boots_before &&
-               (last == kWaiting.android ||
-                last == info("status_loop", "unknown Modem status").android) &&
+        auto lines = lines_of(radio_log());
+        const auto last = std::find_if(lines.rbegin(), lines.rend(), [](const std::string& l) {
+            return l.find(" status_loop: ") != l.npos || l.find(" main: ") != l.npos;
+        });
+        return count(kBootDone) > boots_before && last != lines.rend() &&
+               (*last == kWaiting.android ||
+                *last == info("status_loop", "unknown Modem status").android) &&
                modem().handles() ==
                    std::map<std::string, int>{{"boot", 1}, {"dump", 0}, {"memshare", 0}} &&
                control("query facts").find(" state=4 ") != std::string::npos;

@@ -87,10 +87,6 @@ void Phone::set_property(const std::string& name, const std::string& value) {
     fs::rename(dir + "/.t." + name, dir + "/" + name);
 }
 
-void Phone::set_cmdline(const std::string& text) {
-    write_file("/.vphone/cmdline", text + "\n");
-}
-
 void Phone::write_file(const std::string& phone_path, const std::string& content) {
     fs::path path = root() + phone_path;
     fs::create_directories(path.parent_path());
@@ -150,10 +146,6 @@ void Phone::boot(const std::string& scenario, const std::vector<std::string>& ar
     ASSERT_TRUE(wait_logged(kWaiting, 60s)) << radio_log();
 }
 
-std::string Phone::output() const {
-    return read_text(work_ + "/vphone.out");
-}
-
 pid_t Phone::rix_pid() {
     const std::string file = work_ + "/rix.pid";
     eventually([&] { return read_text(file).find('\n') != std::string::npos; }, kWait);
@@ -180,14 +172,6 @@ std::map<std::string, int> Phone::open_handles() {
         }
     }
     return out;
-}
-
-std::string Phone::read_file(const std::string& phone_path) const {
-    return read_text(root() + phone_path);
-}
-
-bool Phone::exists(const std::string& phone_path) const {
-    return fs::exists(root() + phone_path);
 }
 
 std::optional<std::string> Phone::property(const std::string& name) const {
@@ -221,14 +205,6 @@ bool Phone::wait_logged(const LogLine& line, Millis timeout, int times) {
                    count_lines(radio_log(), line.android) >= times;
         },
         timeout);
-}
-
-bool Phone::wait_request(const std::string& name, Millis timeout) {
-    return eventually([&] { return !modem_->requests(name).empty(); }, timeout);
-}
-
-bool Phone::wait_property(const std::string& name, const std::string& value, Millis timeout) {
-    return eventually([&] { return property(name) == value; }, timeout);
 }
 
 }  // namespace systest

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -78,7 +79,7 @@ class Phone : public ::testing::Test {
 
     // ---- before the start (a property may also be changed while the daemon runs)
     void set_property(const std::string& name, const std::string& value);
-    void set_cmdline(const std::string& text);
+    void set_cmdline(const std::string& text) { write_file("/.vphone/cmdline", text + "\n"); }
     void write_file(const std::string& phone_path, const std::string& content);
     // Builds the partition image and the NV file with mkmodem (its `image` parts and `nv`
     // options); the defaults make a modem that boots.
@@ -110,12 +111,12 @@ class Phone : public ::testing::Test {
     std::string root() const { return work_ + "/root"; }
     std::string partition_path() const { return work_ + "/modem.img"; }
     std::string nv_path() const { return work_ + "/nv_data.bin"; }
-    std::string read_file(const std::string& phone_path) const;
-    bool exists(const std::string& phone_path) const;
+    std::string read_file(const std::string& path) const { return read_text(root() + path); }
+    bool exists(const std::string& path) const { return std::filesystem::exists(root() + path); }
     std::string kmsg() const { return read_file("/dev/kmsg"); }
     std::string radio_log() const { return read_file("/dev/log/radio"); }
     // What vphone and the command printed on stdout and stderr.
-    std::string output() const;
+    std::string output() const { return read_text(work_ + "/vphone.out"); }
     std::optional<std::string> property(const std::string& name) const;
     // Number of lines of both copies holding the message (each copy counted; -1 if they differ).
     int count(const LogLine& line) const;
@@ -134,11 +135,15 @@ class Phone : public ::testing::Test {
 
     // ---- waiting (true when it came before the time-out)
     bool wait_logged(const LogLine& line, Millis timeout = kWait, int times = 1);
-    bool wait_request(const std::string& name, Millis timeout = kWait);
+    bool wait_request(const std::string& name, Millis timeout = kWait) {
+        return eventually([&] { return !modem_->requests(name).empty(); }, timeout);
+    }
     bool wait_trace(const std::string& prefix, Millis timeout = kWait) {
         return eventually([&] { return traced(prefix) > 0; }, timeout);
     }
-    bool wait_property(const std::string& name, const std::string& value, Millis timeout = kWait);
+    bool wait_property(const std::string& name, const std::string& value, Millis timeout = kWait) {
+        return eventually([&] { return property(name) == value; }, timeout);
+    }
 
   public:
     // Polls `done` every 20 ms until it is true or `timeout` passed.
