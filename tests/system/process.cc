@@ -16,9 +16,7 @@
 namespace systest {
 
 Process::~Process() {
-    if (pid_ > 0 && !code_) {
-        stop(SIGKILL, std::chrono::milliseconds(2000));
-    }
+    stop(SIGKILL, std::chrono::milliseconds(2000));
 }
 
 void Process::start(const std::vector<std::string>& argv, const std::string& output) {
@@ -27,28 +25,21 @@ void Process::start(const std::vector<std::string>& argv, const std::string& out
         args.push_back(const_cast<char*>(a.c_str()));
     }
     args.push_back(nullptr);
-    int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (out < 0) {
-        throw std::runtime_error("cannot open " + output + ": " + std::strerror(errno));
-    }
+    const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     const pid_t parent = getpid();
-    pid_t pid = fork();
+    const pid_t pid = out < 0 ? -1 : fork();
     if (pid < 0) {
-        close(out);
-        throw std::runtime_error("fork: " + std::string(std::strerror(errno)));
+        throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(errno));
     }
     if (pid == 0) {
         // A test binary killed on a time-out must not leave a modem or a phone behind.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent) {
-            _exit(127);
+        if (getppid() == parent && dup2(open("/dev/null", O_RDONLY), 0) == 0) {
+            dup2(out, 1);
+            dup2(out, 2);
+            execv(args[0], args.data());
+            dprintf(2, "cannot start %s: %s\n", args[0], std::strerror(errno));
         }
-        int in = open("/dev/null", O_RDONLY);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(out, 2);
-        execv(args[0], args.data());
-        dprintf(2, "cannot start %s: %s\n", args[0], std::strerror(errno));
         _exit(127);
     }
     close(out);
