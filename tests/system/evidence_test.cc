@@ -2,18 +2,10 @@
 // named complete with its reason and every region; a dump that a misbehaving CP or a full log
 // partition cut short is named partial with what is missing, and the reader exits non-zero. The
 // JSON form validates against the reader's schema.
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
-
 #include "phone.h"
-#include "process.h"
 
 namespace systest {
 namespace {
-
-const LogLine kStatusReset = info("status_loop", "CP status RESET");
 
 struct Row {
     const char* label;
@@ -23,18 +15,9 @@ struct Row {
     int status;                     // of the reader
     const char* verdict;            // of the crash, in the JSON form
     std::vector<std::string> says;  // in the text form
+    // Rows print as their label in test names and messages.
+    friend void PrintTo(const Row& row, std::ostream* os) { *os << row.label; }
 };
-
-std::string host_text(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void PrintTo(const Row& r, std::ostream* os) {
-    *os << r.label;
-}
 
 std::vector<std::string> every_region(const std::string& size) {
     std::vector<std::string> out;
@@ -48,15 +31,9 @@ class Evidence : public Phone, public ::testing::WithParamInterface<Row> {};
 
 TEST_P(Evidence, TellsWhetherTheCrashJustCollectedIsWhole) {
     const Row& row = GetParam();
-    build_modem();
-    start_modem(row.scenario);
-    set_property("ro.boot.debug_level", "0x4948");
-    set_property("vendor.rix.rfs_check_done", "1");
     Sandbox sandbox;
     sandbox.log_tmpfs = row.log_tmpfs;
-    sandbox.faketime = kClockSpeed > 1 ? std::to_string(kClockSpeed) : "";
-    start_rix({"-d", "-t", "vm420"}, sandbox);
-    ASSERT_TRUE(wait_logged(kWaiting, 60s)) << radio_log();
+    boot(row.scenario, {}, "0x4948", fast_clock(sandbox));
     control("crash");
     if (!row.recover.empty()) {
         ASSERT_TRUE(wait_trace(row.recover, 60s)) << modem().trace();
@@ -66,12 +43,10 @@ TEST_P(Evidence, TellsWhetherTheCrashJustCollectedIsWhole) {
 
     // A log tmpfs lives in the phone's mount namespace: read it through the daemon's root.
     const std::string dir = "/proc/" + std::to_string(rix_pid()) + "/root" + kLogDir;
-    const std::string text = root() + "/../evidence.txt";
-    const std::string json = root() + "/../evidence.json";
-    const std::string checked = root() + "/../evidence.schema.out";
-    EXPECT_EQ(run({EVIDENCE_BIN, dir}, text, 60s), row.status);
-    EXPECT_EQ(run({EVIDENCE_BIN, "--json", dir}, json, 60s), row.status);
-    const std::string report = host_text(text);
+    // The outputs go into the phone's root, to be read like its files.
+    EXPECT_EQ(run({EVIDENCE_BIN, dir}, root() + "/evidence.txt", 60s), row.status);
+    EXPECT_EQ(run({EVIDENCE_BIN, "--json", dir}, root() + "/evidence.json", 60s), row.status);
+    const std::string report = read_file("/evidence.txt");
     for (const std::string& line : row.says) {
         EXPECT_NE(report.find(line), std::string::npos) << line << "\nnot in:\n" << report;
     }
@@ -81,11 +56,11 @@ TEST_P(Evidence, TellsWhetherTheCrashJustCollectedIsWhole) {
                    "jsonschema.validate(doc, json.load(open(sys.argv[1])),\n"
                    "                    cls=jsonschema.Draft202012Validator)\n"
                    "print(len(doc['crashes']), doc['crashes'][0]['verdict'])\n",
-                   EVIDENCE_SCHEMA, json},
-                  checked, 60s),
+                   EVIDENCE_SCHEMA, root() + "/evidence.json"},
+                  root() + "/schema.out", 60s),
               0)
-        << host_text(checked);
-    EXPECT_EQ(host_text(checked), std::string("1 ") + row.verdict + "\n");
+        << read_file("/schema.out");
+    EXPECT_EQ(read_file("/schema.out"), std::string("1 ") + row.verdict + "\n");
 }
 
 // What the report must say, each piece on one of its lines.
@@ -93,55 +68,38 @@ const std::string kCut = "reception did not finish: step ";
 const std::string kUnannounced =
     "partial: dump: the size the CP announced is not in the evidence; ";
 
-INSTANTIATE_TEST_SUITE_P(
-    Crashes, Evidence,
-    ::testing::Values(
-        Row{"Whole",
-            "dump_size 1000000\ndump_steps 2\nregion_default_size 3000\nregion_count 2 2\n"
-            "dump_reason evidence test\n",
-            "", "", 0, "complete",
-            [] {
-                auto says = every_region("3000");
-                says.insert(says.end(), {"(umts): complete\n",
-                                         "  reason       CP Crash by CP - UMTS: evidence test\n",
-                                         "  followed by  upload mode\n",
-                                         ": 1000000 of 1000000 bytes announced, 2 steps saved, ",
-                                         ", reception finished (DONE)\n",
-                                         "  kernel log   before: cpcrash_umts_klog_before_",
-                                         "  kernel log   after: cpcrash_umts_klog_after_",
-                                         "  verdict      complete\n"});
-                return says;
-            }()},
-        // Frames 1, 2, 4 of step 2, in each of the seven attempts.
-        Row{"FrameSkipped",
-            "dump_size 100000\ndump_steps 2\nframe_payload 10000\nframe_skip 2 3\n",
-            "",
-            "",
-            1,
-            "partial",
-            {"(umts): partial, 7 attempts\n",
-             "    verdict      partial: dump: 70000 of 100000 bytes; ",
-             kCut + "2: curr_frame 4 != seqn 3\n"}},
-        // Room for the regions but not for the dump; later attempts find no room at all.
-        Row{"FullLogPartition",
-            "dump_size 629145600\ndump_steps 4\n",
-            "560m",
-            "",
-            1,
-            "partial",
-            {"(umts): partial\n", " bytes, the size the CP announced is not known",
-             "  verdict      " + kUnannounced + kCut}},
-        // The CP stops before step 2 once; the retry collects the dump whole.
-        Row{"CpStopsThenRetrySucceeds",
-            "dump_size 100000\ndump_steps 2\nanswer 0x9D02 none\n",
-            "",
-            "write dump 0x00009D02",
-            0,
-            "complete",
-            {"(umts): complete, 2 attempts\n",
-             "    verdict      " + kUnannounced + kCut + "2: std_ul_rx_frame fail (ret -5)\n",
-             "    verdict      complete\n"}}),
-    [](const ::testing::TestParamInfo<Row>& info) { return std::string(info.param.label); });
+// clang-format off
+const Row kRows[] = {
+    {"Whole", "dump_size 1000000\ndump_steps 2\nregion_default_size 3000\nregion_count 2 2\n"
+     "dump_reason evidence test\n", "", "", 0, "complete", [] {
+         auto says = every_region("3000");
+         says.insert(says.end(), {"(umts): complete\n",
+                                  "  reason       CP Crash by CP - UMTS: evidence test\n",
+                                  "  followed by  upload mode\n",
+                                  ": 1000000 of 1000000 bytes announced, 2 steps saved, ",
+                                  ", reception finished (DONE)\n",
+                                  "  kernel log   before: cpcrash_umts_klog_before_",
+                                  "  kernel log   after: cpcrash_umts_klog_after_",
+                                  "  verdict      complete\n"});
+         return says;
+     }()},
+    // Frames 1, 2, 4 of step 2, in each of the seven attempts.
+    {"FrameSkipped", "dump_size 100000\ndump_steps 2\nframe_payload 10000\nframe_skip 2 3\n", "",
+     "", 1, "partial", {"(umts): partial, 7 attempts\n",
+     "    verdict      partial: dump: 70000 of 100000 bytes; ", kCut + "2: curr_frame 4 != seqn 3\n"}},
+    // Room for the regions but not for the dump; later attempts find no room at all.
+    {"FullLogPartition", "dump_size 629145600\ndump_steps 4\n", "560m", "", 1, "partial",
+     {"(umts): partial\n", " bytes, the size the CP announced is not known",
+      "  verdict      " + kUnannounced + kCut}},
+    // The CP stops before step 2 once; the retry collects the dump whole.
+    {"CpStopsThenRetrySucceeds", "dump_size 100000\ndump_steps 2\nanswer 0x9D02 none\n", "",
+     "write dump 0x00009D02", 0, "complete", {"(umts): complete, 2 attempts\n",
+     "    verdict      " + kUnannounced + kCut + "2: std_ul_rx_frame fail (ret -5)\n",
+     "    verdict      complete\n"}},
+};
+// clang-format on
+INSTANTIATE_TEST_SUITE_P(Crashes, Evidence, ::testing::ValuesIn(kRows),
+                         [](const auto& row) { return std::string(row.param.label); });
 
 }  // namespace
 }  // namespace systest

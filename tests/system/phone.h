@@ -1,15 +1,17 @@
 // Phone: the system-test fixture. Each test gets a fresh phone root in a temp directory, a
-// virtual modem when it wants one, and the real rix binary running inside vphone.
+// virtual modem, and the real rix binary running inside vphone.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "process.h"
@@ -27,15 +29,14 @@ inline const std::vector<std::string> kBootableParts = {
     "TOC", "BOOT:size=70000", "MAIN:size=0x100000", "VSS:size=4096", "NV:size=0x10000", "OFFSET"};
 inline const std::vector<std::string> kValidNv = {"--total-size", "0xFFEE"};
 
-// One message of the daemon in its two copies.
+// One message of the daemon in its two copies: /dev/kmsg and /dev/log/radio.
 struct LogLine {
-    std::string kernel;   // line in /dev/kmsg
-    std::string android;  // line in /dev/log/radio
+    std::string kernel;
+    std::string android;
 };
-
-// An information message of function `fn`: "<6>cpif: rix: fn: text" and "D/boot: rix: fn: text".
+// "<6>cpif: rix: fn: text" and "D/boot: rix: fn: text".
 LogLine info(const std::string& fn, const std::string& text);
-// An error message: "<3>cpif: rix: (ERR! err) fn: text" and "E/boot: rix: (ERR! err) fn: text".
+// "<3>cpif: rix: (ERR! err) fn: text" and "E/boot: rix: (ERR! err) fn: text".
 LogLine error(const std::string& err, const std::string& fn, const std::string& text);
 
 #ifndef RIX_SANITIZED
@@ -46,11 +47,14 @@ LogLine error(const std::string& err, const std::string& fn, const std::string& 
 // deadlocks, so a sanitized daemon runs on the real clock.
 inline constexpr int kClockSpeed = RIX_SANITIZED ? 1 : 10;
 
-// Messages and places many tests look for.
 inline const std::string kLogDir = "/data/vendor/log/rix";
-extern const LogLine kWaiting;   // the status loop waits for an event
-extern const LogLine kLoopExit;  // the status loop ended
-extern const LogLine kCallBoot;  // a boot starts
+extern const LogLine kWaiting;        // the status loop waits for an event
+extern const LogLine kLoopExit;       // the status loop ended
+extern const LogLine kCallBoot;       // a boot starts
+extern const LogLine kBootDone;       // a boot worked
+extern const LogLine kBootFailed;     // a boot failed
+extern const LogLine kStatusReset;    // the crash handling ends with a new boot
+extern const LogLine kStartDumpFail;  // one dump attempt failed
 
 // The lines of a text, without their line feeds.
 std::vector<std::string> lines_of(const std::string& text);
@@ -60,9 +64,13 @@ int count_prefix(const std::vector<std::string>& lines, const std::string& prefi
 // How the sandbox around the daemon is set up (see vphone --help).
 struct Sandbox {
     std::vector<std::string> omit_nodes;  // e.g. "ramdump_memshare"
-    std::string log_tmpfs;                // size of a tmpfs at /data/vendor/log/rix
-    std::string faketime;                 // clock speed-up factor
+    std::string log_tmpfs;                // size of a tmpfs at the log directory
+    int faketime = 1;                     // how many times faster the phone's clock runs
 };
+inline Sandbox fast_clock(Sandbox s = {}) {
+    s.faketime = kClockSpeed;
+    return s;
+}
 
 class Phone : public ::testing::Test {
   protected:
@@ -71,19 +79,19 @@ class Phone : public ::testing::Test {
 
     // ---- before the start (a property may also be changed while the daemon runs)
     void set_property(const std::string& name, const std::string& value);
-    void set_cmdline(const std::string& text);
-    // Writes a file at a path of the phone ("/efs/factory.prop").
+    void set_cmdline(const std::string& text) { write_file("/.vphone/cmdline", text + "\n"); }
     void write_file(const std::string& phone_path, const std::string& content);
     // Builds the partition image and the NV file with mkmodem (its `image` parts and `nv`
     // options); the defaults make a modem that boots.
     void build_modem(const std::vector<std::string>& parts = kBootableParts,
                      const std::vector<std::string>& nv = kValidNv);
-    // Starts the virtual modem with the scenario text.
-    void start_modem(const std::string& scenario = "");
-    // Starts rix with `args` inside vphone.
+    void start_modem(const std::string& scenario = "") { modem_->start(scenario); }
     void start_rix(const std::vector<std::string>& args, const Sandbox& sandbox = {});
     // Starts any command (a path inside the phone) in vphone, as start_rix does.
     void start_in_phone(const std::vector<std::string>& command, const Sandbox& sandbox = {});
+    // A modem that boots, the daemon at `level` in daemon mode, up to its status loop.
+    void boot(const std::string& scenario, const std::vector<std::string>& args = {},
+              const std::string& level = "0x4948", const Sandbox& sandbox = {});
 
     // ---- while it runs
     bool rix_running() { return vphone_.running(); }
@@ -91,7 +99,6 @@ class Phone : public ::testing::Test {
     int stop_phone(int sig) { return vphone_.stop(sig, 3s); }
     // The exit status of vphone, which is the daemon's own; nothing on time-out.
     std::optional<int> wait_exit(Millis timeout = kWait) { return vphone_.wait(timeout); }
-    // The daemon's host pid (waits for vphone to report it).
     pid_t rix_pid();
     // A field of /proc/<pid>/status of the daemon, e.g. "Uid" or "CapEff", trimmed.
     std::string proc_status(const std::string& field);
@@ -102,54 +109,61 @@ class Phone : public ::testing::Test {
 
     // ---- reading
     std::string root() const { return work_ + "/root"; }
-    // Host paths of what build_modem() made.
     std::string partition_path() const { return work_ + "/modem.img"; }
     std::string nv_path() const { return work_ + "/nv_data.bin"; }
-    std::string read_file(const std::string& phone_path) const;
-    bool exists(const std::string& phone_path) const;
+    std::string read_file(const std::string& path) const { return read_text(root() + path); }
+    bool exists(const std::string& path) const { return std::filesystem::exists(root() + path); }
     std::string kmsg() const { return read_file("/dev/kmsg"); }
     std::string radio_log() const { return read_file("/dev/log/radio"); }
-    std::string main_log() const { return read_file("/dev/log/main"); }
     // What vphone and the command printed on stdout and stderr.
-    std::string output() const;
-    std::string output_path() const { return work_ + "/vphone.out"; }
+    std::string output() const { return read_text(work_ + "/vphone.out"); }
     std::optional<std::string> property(const std::string& name) const;
     // Number of lines of both copies holding the message (each copy counted; -1 if they differ).
     int count(const LogLine& line) const;
-    bool logged(const LogLine& line) const { return count(line) > 0; }
+    // Each line counted as the pair says.
+    void expect_counts(const std::vector<std::pair<LogLine, int>>& lines) const {
+        for (const auto& [line, n] : lines) {
+            EXPECT_EQ(count(line), n) << line.kernel;
+        }
+    }
+    // Names of the files of the log directory that begin with `prefix`, sorted.
+    std::vector<std::string> files(const std::string& prefix) const;
+    // Trace lines that begin with `prefix`.
+    int traced(const std::string& prefix) const {
+        return count_prefix(lines_of(modem_->trace()), prefix);
+    }
 
     // ---- waiting (true when it came before the time-out)
     bool wait_logged(const LogLine& line, Millis timeout = kWait, int times = 1);
-    bool wait_request(const std::string& name, Millis timeout = kWait);
-    // A trace line that begins with `prefix` ("event hangup state=4", "write boot 0x0000900D").
-    bool wait_trace(const std::string& prefix, Millis timeout = kWait);
-    // One copy only: a whole line of /dev/kmsg or of /dev/log/radio.
-    bool wait_kmsg(const std::string& line, Millis timeout = kWait);
-    bool wait_radio(const std::string& line, Millis timeout = kWait);
-    bool wait_property(const std::string& name, const std::string& value, Millis timeout = kWait);
+    bool wait_request(const std::string& name, Millis timeout = kWait) {
+        return eventually([&] { return !modem_->requests(name).empty(); }, timeout);
+    }
+    bool wait_trace(const std::string& prefix, Millis timeout = kWait) {
+        return eventually([&] { return traced(prefix) > 0; }, timeout);
+    }
+    bool wait_property(const std::string& name, const std::string& value, Millis timeout = kWait) {
+        return eventually([&] { return property(name) == value; }, timeout);
+    }
+
+  public:
+    // Polls `done` every 20 ms until it is true or `timeout` passed.
+    template <typename F>
+    static bool eventually(F done, Millis timeout) {
+        auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (!done()) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(20ms);
+        }
+        return true;
+    }
 
   private:
     std::string work_;
-    std::string partition_;
-    std::string nv_;
+    bool built_ = false;
     std::unique_ptr<VirtualModem> modem_;
     Process vphone_;
-    pid_t rix_pid_ = -1;
 };
-
-// Polls `done` every 20 ms until it is true or `timeout` passed.
-template <typename F>
-bool eventually(F done, Millis timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (done()) {
-            return true;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(20ms);
-    }
-}
 
 }  // namespace systest

@@ -8,26 +8,15 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 namespace systest {
 
-namespace {
-
-int code_of(int status) {
-    if (WIFEXITED(status)) {
-        return WEXITSTATUS(status);
-    }
-    return 128 + WTERMSIG(status);
-}
-
-}  // namespace
-
 Process::~Process() {
-    if (pid_ > 0 && !code_) {
-        stop(SIGKILL, std::chrono::milliseconds(2000));
-    }
+    stop(SIGKILL, std::chrono::milliseconds(2000));
 }
 
 void Process::start(const std::vector<std::string>& argv, const std::string& output) {
@@ -36,28 +25,21 @@ void Process::start(const std::vector<std::string>& argv, const std::string& out
         args.push_back(const_cast<char*>(a.c_str()));
     }
     args.push_back(nullptr);
-    int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (out < 0) {
-        throw std::runtime_error("cannot open " + output + ": " + std::strerror(errno));
-    }
+    const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     const pid_t parent = getpid();
-    pid_t pid = fork();
+    const pid_t pid = out < 0 ? -1 : fork();
     if (pid < 0) {
-        close(out);
-        throw std::runtime_error("fork: " + std::string(std::strerror(errno)));
+        throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(errno));
     }
     if (pid == 0) {
         // A test binary killed on a time-out must not leave a modem or a phone behind.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent) {
-            _exit(127);
+        if (getppid() == parent && dup2(open("/dev/null", O_RDONLY), 0) == 0) {
+            dup2(out, 1);
+            dup2(out, 2);
+            execv(args[0], args.data());
+            dprintf(2, "cannot start %s: %s\n", args[0], std::strerror(errno));
         }
-        int in = open("/dev/null", O_RDONLY);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(out, 2);
-        execv(args[0], args.data());
-        dprintf(2, "cannot start %s: %s\n", args[0], std::strerror(errno));
         _exit(127);
     }
     close(out);
@@ -72,10 +54,9 @@ bool Process::reap(bool block) {
     int status = 0;
     pid_t r = waitpid(pid_, &status, block ? 0 : WNOHANG);
     if (r == pid_) {
-        code_ = code_of(status);
-        return true;
+        code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    return false;
+    return r == pid_;
 }
 
 bool Process::running() {
@@ -107,16 +88,19 @@ int Process::stop(int sig, std::chrono::milliseconds grace) {
     return *code_;
 }
 
+std::string read_text(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
 int run(const std::vector<std::string>& argv, const std::string& output,
         std::chrono::milliseconds timeout) {
     Process p;
     p.start(argv, output);
     auto code = p.wait(timeout);
-    if (!code) {
-        p.stop(SIGKILL, std::chrono::milliseconds(1000));
-        return -1;
-    }
-    return *code;
+    return code ? *code : (p.stop(SIGKILL, std::chrono::milliseconds(1000)), -1);
 }
 
 }  // namespace systest

@@ -1,4 +1,4 @@
-// A child process of the harness: started with posix_spawn, output sent to a file.
+// A child process of the harness, its output appended to a file.
 #pragma once
 
 #include <sys/types.h>
@@ -17,22 +17,14 @@ class Process {
     Process& operator=(const Process&) = delete;
     ~Process();
 
-    // Starts argv[0] with argv; stdout and stderr are appended to `output`.
     void start(const std::vector<std::string>& argv, const std::string& output);
-
     bool started() const { return pid_ > 0; }
-    pid_t pid() const { return pid_; }
-
     // True while the process has not ended (it is reaped once it has).
     bool running();
-
     // Waits up to `timeout` for the end; the exit code (128 + N for signal N) or nothing.
     std::optional<int> wait(std::chrono::milliseconds timeout);
-
     // Sends `sig`, waits up to `grace`, then kills it; returns the exit code.
     int stop(int sig, std::chrono::milliseconds grace);
-
-    std::optional<int> exit_code() const { return code_; }
 
   private:
     bool reap(bool block);
@@ -40,6 +32,9 @@ class Process {
     pid_t pid_ = -1;
     std::optional<int> code_;
 };
+
+// The whole content of a host file ("" when it cannot be read).
+std::string read_text(const std::string& path);
 
 // Runs a command to its end (at most `timeout`); returns its exit code, or -1 on time-out.
 int run(const std::vector<std::string>& argv, const std::string& output,

@@ -1,114 +1,128 @@
-// Start-up of the daemon: the command line, a shutdown seen at start, the back-trace log size.
-#include <sys/stat.h>
-
-#include <thread>
-
+// Start-up of the daemon, up to its first boot: the command line, the privileges it keeps, the
+// back-trace area size, and a shutdown already requested. A requested shutdown parks the daemon
+// right after the size exchange, which leaves the whole start-up to be read.
 #include "phone.h"
 
 namespace systest {
 namespace {
 
-std::string last_line(const std::string& text) {
-    auto end = text.find_last_not_of('\n');
-    if (end == std::string::npos) {
-        return "";
-    }
-    auto begin = text.rfind('\n', end);
-    return text.substr(begin == std::string::npos ? 0 : begin + 1, end - (begin + 1) + 1);
-}
-
-ino_t inode_of(const std::string& path) {
-    struct stat st = {};
-    return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
-}
-
+// NET_ADMIN, NET_RAW, SYS_ADMIN, SYS_BOOT, SYSLOG, BLOCK_SUSPEND
+constexpr const char* kRadioCaps = "0000001400603000";
 const LogLine kStart = info("main", "Start Velmora v3 (RIX) RIX-V3-20250515R1");
+const std::string kBtl = "persist.vendor.rix.btl_size";
+const std::string kEio = "Input/output error";
+const std::string kNoEntry = "No such file or directory";
 
-using StartUp = Phone;
+struct Start {
+    const char* label;
+    std::vector<std::string> args;
+    std::string modem;               // vmodem scenario
+    std::string btl;                 // the property before the start
+    std::string omit;                // a node left out of the phone
+    int exit;                        // the daemon's exit status; -1: parked by the shutdown
+    std::string btl_after;           // the property written back
+    std::vector<std::string> trace;  // the driver's whole trace
+    std::vector<LogLine> seen, unseen = {};
+    // Rows print as their label in test names and messages.
+    friend void PrintTo(const Start& row, std::ostream* os) { *os << row.label; }
+};
 
-TEST_F(StartUp, RefusedModemNameExitsWithMinus22BeforeTouchingTheModem) {
-    start_modem();
-    start_rix({"-t", "nosuchmodem"});
+class StartUp : public Phone, public ::testing::WithParamInterface<Start> {};
 
-    auto code = wait_exit();
-    ASSERT_TRUE(code) << "rix is still running after a refused command line";
-    EXPECT_EQ(*code, 234) << "main must return -22";
-
-    const LogLine unknown = info("parseArgs", "Unknown modem");
+TEST_P(StartUp, Runs) {
+    const Start& s = GetParam();
+    start_modem(s.modem);
+    if (!s.btl.empty()) {
+        set_property(kBtl, s.btl);
+    }
+    if (s.exit < 0) {
+        set_property("sys.shutdown.requested", "1");
+    }
+    Sandbox sandbox;
+    if (!s.omit.empty()) {
+        sandbox.omit_nodes = {s.omit};
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    start_rix(s.args, sandbox);
+    if (s.exit >= 0) {
+        EXPECT_EQ(wait_exit(), s.exit) << radio_log();
+        // Nothing is logged after the refusal.
+        EXPECT_EQ(lines_of(kmsg()).back(), s.seen.back().kernel);
+        EXPECT_EQ(lines_of(radio_log()).back(), s.seen.back().android);
+    } else {
+        ASSERT_TRUE(wait_request("POWER_OFF")) << radio_log();
+        ASSERT_TRUE(wait_property(kBtl, s.btl_after)) << radio_log();
+        std::this_thread::sleep_for(1s);
+        EXPECT_TRUE(rix_running()) << "the daemon sleeps for ever after the power-off";
+        EXPECT_EQ(property("vendor.rix.deviceOffRes"), std::nullopt)
+            << "only a shutdown seen in the status loop writes it";
+        EXPECT_EQ(modem().handles(),
+                  (std::map<std::string, int>{{"boot", 0}, {"dump", 0}, {"memshare", 0}}));
+        const bool root = s.args[1] == "-o";
+        EXPECT_EQ(proc_status("Uid"), root ? "0\t0\t0\t0" : "1001\t1001\t1001\t1001");
+        if (!root) {
+            EXPECT_EQ(proc_status("CapEff"), kRadioCaps);
+            EXPECT_EQ(proc_status("CapPrm"), kRadioCaps);
+            EXPECT_EQ(proc_status("CapInh"), "0000000000000000");
+        }
+        EXPECT_EQ(count(info("main", "Start with root")), root ? 1 : 0);
+    }
     EXPECT_EQ(count(kStart), 1);
-    EXPECT_EQ(count(unknown), 1) << "kmsg:\n" << kmsg() << "radio:\n" << radio_log();
-    // Nothing is logged after the refusal.
-    EXPECT_EQ(last_line(kmsg()), unknown.kernel);
-    EXPECT_EQ(last_line(radio_log()), unknown.android);
-    EXPECT_TRUE(modem().requests().empty()) << modem().trace();
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, s.args.size() == 1 ? 1s : 0s);
+    EXPECT_EQ(lines_of(modem().trace()), s.trace);
+    for (const auto& line : s.seen) {
+        EXPECT_EQ(count(line), 1) << line.kernel << "\n" << kmsg();
+    }
+    for (const auto& line : s.unseen) {
+        EXPECT_EQ(count(line), 0) << line.kernel;
+    }
+    EXPECT_EQ(radio_log().find("capset failed"), std::string::npos);
 }
 
-TEST_F(StartUp, ShutdownRequestedAtStartPowersTheModemOffAndSleeps) {
-    start_modem();
-    set_property("sys.shutdown.requested", "1");
-    start_rix({"-d", "-t", "vm420"});
-
-    ASSERT_TRUE(wait_logged(info("main", "deviceOff = 1"))) << radio_log();
-    ASSERT_TRUE(wait_request("POWER_OFF")) << modem().trace();
-
-    std::this_thread::sleep_for(1s);
-    EXPECT_TRUE(rix_running()) << "the daemon must sleep for ever after the power-off";
-    EXPECT_EQ(modem().requests("POWER_OFF").size(), 1u) << modem().trace();
-    EXPECT_TRUE(modem().requests("POWER_ON").empty()) << modem().trace();
-    EXPECT_FALSE(logged(info("main", "Call boot start")));
-    EXPECT_EQ(property("vendor.rix.deviceOffRes"), std::nullopt)
-        << "only a shutdown seen in the status loop writes it";
-    auto handles = modem().handles();
-    EXPECT_EQ(handles["boot"], 0) << "the boot node stays open after the power-off";
-    EXPECT_EQ(handles["memshare"], 0) << "the memshare node stays open after sizing the BTL";
+const std::vector<std::string> kOff = {"open boot flags=0x8802", "ioctl boot POWER_OFF -> 0",
+                                       "release boot"};
+// The size exchange on the memshare node (sizes as signed 32-bit numbers), then the power-off.
+std::vector<std::string> sized(const std::string& set, const std::string& get) {
+    return {"open memshare flags=0x8002",
+            "ioctl memshare SET_BTL_SIZE size=" + set,
+            "ioctl memshare GET_BTL_SIZE -> " + get,
+            "release memshare",
+            kOff[0],
+            kOff[1],
+            kOff[2]};
 }
+const std::vector<std::string> kRadio = {"-d", "-t", "vm420"};
 
-TEST_F(StartUp, BtlSizeRoundTripsThroughTheDriver) {
-    start_modem();
-    set_property("persist.vendor.rix.btl_size", "16");
-    const std::string file = root() + "/dev/__properties__/persist.vendor.rix.btl_size";
-    const ino_t before = inode_of(file);
-    start_rix({"-t", "vm420"});
-
-    ASSERT_TRUE(wait_logged(info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x01000000")))
-        << radio_log();
-    // The written-back value replaces the file (temporary file and rename).
-    ASSERT_TRUE(eventually([&] { return inode_of(file) != before; }, kWait))
-        << "persist.vendor.rix.btl_size was not written back";
-    EXPECT_EQ(property("persist.vendor.rix.btl_size"), "16");
-
-    auto set = modem().requests("SET_BTL_SIZE");
-    ASSERT_EQ(set.size(), 1u) << modem().trace();
-    EXPECT_TRUE(carries(set[0], 16ul << 20)) << set[0].line;
-    EXPECT_EQ(modem().requests("GET_BTL_SIZE").size(), 1u) << modem().trace();
-}
-
-// A driver that refuses the new size is only logged: the size it reports goes back all the same.
-TEST_F(StartUp, RefusedBtlSizeIsLoggedAndTheDriversSizeWrittenBack) {
-    start_modem("btl_size 0x800000\nresult SET_BTL_SIZE -5\n");
-    set_property("persist.vendor.rix.btl_size", "16");
-    start_rix({"-t", "vm420"});
-    ASSERT_TRUE(wait_property("persist.vendor.rix.btl_size", "8")) << radio_log();
-    EXPECT_TRUE(
-        logged(error("Input/output error", "adjust_btl_ramsize", "Failed to IOCTL_SET_BTL_SIZE")))
-        << radio_log();
-}
-
-TEST_F(StartUp, BtlSizeIsWrittenEmptyWhenTheMemshareNodeIsMissing) {
-    start_modem();
-    set_property("persist.vendor.rix.btl_size", "16");
-    Sandbox without_memshare;
-    without_memshare.omit_nodes = {"ramdump_memshare"};
-    start_rix({"-t", "vm420"}, without_memshare);
-
-    ASSERT_TRUE(wait_property("persist.vendor.rix.btl_size", "")) << radio_log();
-    EXPECT_TRUE(logged(error("No such file or directory", "adjust_btl_ramsize",
-                             "ERR! (/dev/ramdump_memshare) open fail")))
-        << radio_log();
-    EXPECT_FALSE(logged(error("No such file or directory", "main", "adjust btl ramsize fail")));
-    EXPECT_TRUE(modem().requests("SET_BTL_SIZE").empty()) << modem().trace();
-    EXPECT_TRUE(modem().requests("GET_BTL_SIZE").empty()) << modem().trace();
-}
+// clang-format off
+const Start kStarts[] = {
+    // A refused command line ends with -22 before any request, after its own line; one
+    // without -t leaves no controller: one message, one second, the same end.
+    {"RefusedModemName", {"-t", "nosuchmodem"}, "", "", "", 234, "", {},
+     {info("parseArgs", "Unknown modem")}},
+    {"WithoutModemType", {"-d"}, "", "", "", 234, "", {}, {info("main", "Invaild modem type 0")}},
+    // MiB << 20 in 32 unsigned bits to the driver; the driver's answer written back.
+    {"Radio", kRadio, "", "16", "", -1, "16", sized("16777216 -> 0", "0 size=16777216"),
+     {info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x01000000"),
+      info("main", "deviceOff = 1")}},
+    {"RunWithRoot", {"-d", "-o", "r", "-t", "vm420"}, "", "", "", -1, "0",
+     sized("0 -> 0", "0 size=0"), {info("parseArgs", "run with root")}},
+    {"TopBit", kRadio, "", "2048", "", -1, "2048", sized("-2147483648 -> 0", "0 size=-2147483648"),
+     {info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x80000000")}},
+    {"Wraps", kRadio, "", "4096", "", -1, "0", sized("0 -> 0", "0 size=0"),
+     {info("adjust_btl_ramsize", "persist.vendor.rix.btl_size 0x00000000")}},
+    {"SetRefused", kRadio, "btl_size 0x800000\nresult SET_BTL_SIZE -5\n", "16", "", -1, "8",
+     sized("16777216 -> -5 forced", "0 size=8388608"),
+     {error(kEio, "adjust_btl_ramsize", "Failed to IOCTL_SET_BTL_SIZE")}},
+    {"GetRefused", kRadio, "result GET_BTL_SIZE -5\n", "16", "", -1, "",
+     sized("16777216 -> 0", "-5 forced"),
+     {error(kEio, "adjust_btl_ramsize", "Failed to IOCTL_GET_BTL_SIZE")},
+     {error(kEio, "main", "adjust btl ramsize fail")}},
+    {"NoMemshare", kRadio, "", "16", "ramdump_memshare", -1, "", kOff,
+     {error(kNoEntry, "adjust_btl_ramsize", "ERR! (/dev/ramdump_memshare) open fail")},
+     {error(kNoEntry, "main", "adjust btl ramsize fail")}}};
+// clang-format on
+INSTANTIATE_TEST_SUITE_P(CommandLine, StartUp, ::testing::ValuesIn(kStarts),
+                         [](const auto& row) { return std::string(row.param.label); });
 
 }  // namespace
 }  // namespace systest

@@ -1,153 +1,144 @@
-// The status loop after a normal boot: events on the boot node and what the daemon makes of them.
-#include <thread>
-
+// The status loop: events on the boot node and what the daemon makes of them, with a booted CP
+// and, through CP debug option 3 (NOBOOT), without one.
 #include "phone.h"
 
 namespace systest {
 namespace {
 
 using StatusLoop = Phone;
+const LogLine kUnknown = info("status_loop", "unknown Modem status");
 
-TEST_F(StatusLoop, UnknownStateIsLoggedAndTheLoopWaitsAgain) {
-    build_modem();
+// A crash reset waits 3 s for rild, saves the kernel log, waits 27 s more and boots again. It
+// acts on the debug level read at start; a crash reads the level again, and at DBG_LOW waits 3 s
+// for rild and boots again without evidence (a minidump property without -o m changes nothing).
+TEST_F(StatusLoop, CrashResetWaitsForRildAtTheStartUpLevelACrashReadsTheLevelAgain) {
+    boot("", {}, "0x4948", fast_clock());
+    const LogLine level_high = info("check_debug_level", "debug_level=2, cp_debug=0");
+    EXPECT_EQ(count(level_high), 1);
+    EXPECT_TRUE(files("cp_boot_done_umts_").empty()) << "boot_done was not yet 1";
+
+    set_property("ro.boot.debug_level", "0x4F4C");
+    const auto rild_wait = std::chrono::duration_cast<Millis>(30s) / kClockSpeed;
+    auto begin = std::chrono::steady_clock::now();
+    control("crash_reset");
+    ASSERT_TRUE(wait_logged(kLoopExit, rild_wait + 20s)) << radio_log();
+    auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_GT(waited, rild_wait * 85 / 100);
+    EXPECT_LT(waited, rild_wait + 10s);
+    ASSERT_TRUE(wait_logged(kWaiting, 60s, 2)) << radio_log();
+    expect_counts({{info("status_loop", "get event 1"), 1},
+                   {info("status_loop", "STATE_CRASH_RESET, wait onrestart by rild"), 1},
+                   {info("status_loop", "RILD dosenot restart for 3sec, save logs"), 1},
+                   {level_high, 1},
+                   {kCallBoot, 2},
+                   {kBootDone, 2}});
+    EXPECT_EQ(radio_log().find("check_debug_level: debug_level=0"), std::string::npos);
+    EXPECT_EQ(radio_log().find("get_cmdline_str"), std::string::npos);
+    EXPECT_EQ(modem().handles()["boot"], 1) << "the first loop's descriptor is closed";
+    EXPECT_EQ(property("vendor.rix.cp_reset"), "2");
+    EXPECT_EQ(property("vendor.rix.reset_done"), "1");
+    // The start-up level 2 still applies: the captures of the crash reset and of both boots.
+    for (const char* capture : {"rix_only_umts_", "cp_boot_umts_", "cp_boot_done_umts_"}) {
+        EXPECT_TRUE(eventually([&] { return files(capture).size() == 1; }, kWait)) << capture;
+    }
+
+    set_property("persist.sys.enable_minidump0", "1");
+    begin = std::chrono::steady_clock::now();
+    control("crash");
+    ASSERT_TRUE(wait_logged(kCallBoot, 30s, 3)) << radio_log();
+    EXPECT_GT(std::chrono::steady_clock::now() - begin,
+              std::chrono::duration_cast<Millis>(3s) / kClockSpeed);
+    ASSERT_TRUE(wait_logged(kWaiting, 60s, 3)) << radio_log();
+    // "deviceOff = 0" once per event, never from the cycle (it logs only a shutdown).
+    expect_counts({{info("check_debug_level", "debug_level=0, cp_debug=0"), 1},
+                   {info("status_loop", "DBG_LOW, wait onrestart by rild"), 1},
+                   {info("status_loop", "CP status CRASH"), 0},
+                   {kStatusReset, 0},
+                   {info("status_loop", "deviceOff = 0"), 2},
+                   {info("main", "deviceOff = 0"), 0}});
+    EXPECT_TRUE(files("cpcrash_").empty());
+    EXPECT_EQ(traced("open dump"), 0);
+    EXPECT_TRUE(modem().requests("ENTER_UPLOAD_MODE").empty());
+    int state_lines = 0;
+    for (const auto& l : lines_of(radio_log())) {
+        state_lines += l.find("get_modem_state: modem_status: ") != std::string::npos;
+    }
+    EXPECT_EQ(state_lines, 3) << "only each boot's own read logs the state";
+}
+
+// Without a boot the loop starts at once. An unknown state is one event, after which the loop
+// waits again on its own descriptor. A shutdown seen at an event powers the CP off, is recorded
+// and parks the daemon. The loop count is read with atoi's leniency and wraps like a
+// 32-bit counter. A crash reset with a CP debug option ends the loop at once and the cycle starts
+// it again a second later.
+TEST_F(StatusLoop, WithoutBootCountsItsStartsAndPowersOffAtAShutdown) {
     start_modem();
+    set_cmdline("pax_debug.level=1 pax_debug.cp=3");
+    set_property("vendor.rix.cp_reset", "7x");
     start_rix({"-d", "-t", "vm420"});
-    // A failed boot ends the wait early: the daemon would only retry it every second.
-    const LogLine boot_failed = info("main", "start boot fail");
-    ASSERT_TRUE(eventually([&] { return logged(kWaiting) || logged(boot_failed); }, 90s));
-    ASSERT_TRUE(logged(kWaiting)) << "no booted modem in the status loop:\n" << radio_log();
-    // Only the loop's own descriptor is open: the boot closed all of its own.
-    auto handles = modem().handles();
-    EXPECT_EQ(handles["boot"], 1);
-    EXPECT_EQ(handles["dump"], 0);
-    EXPECT_EQ(handles["memshare"], 0);
-
-    const LogLine event = info("status_loop", "get event 4");
-    const LogLine unknown = info("status_loop", "unknown Modem status");
-    modem().hang_up(4);
-    ASSERT_TRUE(wait_logged(unknown)) << radio_log();
-    // One hang-up is one event: the loop then sleeps in poll again instead of re-reading.
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(count(event), 1);
-    EXPECT_EQ(count(unknown), 1);
-    EXPECT_EQ(count(info("status_loop", "deviceOff = 0")), 1);
-
-    // Still waiting on the same descriptor: a second event is read the same way.
-    modem().hang_up(4);
-    ASSERT_TRUE(wait_logged(unknown, kWait, 2)) << radio_log();
-    EXPECT_EQ(count(event), 2);
-    EXPECT_EQ(count(kWaiting), 1) << "the loop must not start over";
-    EXPECT_EQ(count(info("status_loop", "status loop exit")), 0);
-    EXPECT_EQ(count(info("status_loop", "CP status_loop start (modem = 1)")), 1);
-    // The boot asks for the state once before powering on; the loop once per event.
-    int answered_4 = 0;
-    for (const auto& r : modem().requests("GET_MODEM_STATE")) {
-        answered_4 += r.result == 4;
-    }
-    EXPECT_EQ(answered_4, 2) << modem().trace();
-    EXPECT_TRUE(rix_running());
-}
-
-}  // namespace
-}  // namespace systest
-
-namespace systest {
-namespace {
-
-// CP_DEBUG_NOBOOT at a debug level above DBG_LOW: the daemon skips the boot and goes
-// straight to the status loop, which makes the loop reachable without a booted modem.
-class StatusLoopWithoutBoot : public Phone {
-  protected:
-    void start_waiting() {
-        start_modem();
-        set_cmdline("pax_debug.level=1 pax_debug.cp=3");
-        start_rix({"-d", "-t", "vm420"});
-        ASSERT_TRUE(wait_logged(kWaiting)) << radio_log();
-        ASSERT_EQ(count(info("main", "CP_DEBUG NOBOOT")), 1);
-    }
-};
-
-TEST_F(StatusLoopWithoutBoot, UnknownStateIsOneEventAndTheLoopWaitsAgain) {
-    start_waiting();
-    const LogLine event = info("status_loop", "get event 4");
-    const LogLine unknown = info("status_loop", "unknown Modem status");
-    modem().hang_up(4);
-    ASSERT_TRUE(wait_logged(unknown)) << radio_log();
-    std::this_thread::sleep_for(300ms);
-    // A driver raises POLLHUP for a state change; if the modem kept it raised, this loop would
-    // re-read the state without end.
-    EXPECT_EQ(count(event), 1) << "one hang-up must be read once";
-    EXPECT_EQ(count(unknown), 1);
-    EXPECT_EQ(count(info("status_loop", "status loop exit")), 0);
-    EXPECT_EQ(property("vendor.rix.cp_reset"), "1");
+    ASSERT_TRUE(wait_logged(kWaiting)) << radio_log();
+    EXPECT_EQ(property("vendor.rix.cp_reset"), "8");
     EXPECT_EQ(property("vendor.rix.boot_done"), "1");
-    EXPECT_TRUE(rix_running());
-}
-
-TEST_F(StatusLoopWithoutBoot, ShutdownSeenAtAnEventPowersOffAndIsRecorded) {
-    start_waiting();
+    for (int n = 1; n <= 2; ++n) {
+        control("hangup 4");
+        ASSERT_TRUE(wait_logged(kUnknown, kWait, n)) << radio_log();
+        // One hang-up is one event: the loop then sleeps in poll again instead of re-reading.
+        std::this_thread::sleep_for(300ms);
+        EXPECT_EQ(count(info("status_loop", "get event 4")), n);
+        EXPECT_EQ(count(kUnknown), n);
+        EXPECT_EQ(count(info("status_loop", "deviceOff = 0")), n);
+    }
+    EXPECT_EQ(traced("ioctl boot GET_MODEM_STATE -> 4"), 2) << modem().trace();
+    EXPECT_EQ(count(kWaiting), 1) << "the loop must not start over";
+    EXPECT_EQ(count(info("status_loop", "CP status_loop start (modem = 1)")), 1);
+    EXPECT_EQ(traced("open boot"), 1) << "the loop keeps its one descriptor across events";
     set_property("sys.shutdown.requested", "1");
-    modem().hang_up(4);
+    control("hangup 4");
     ASSERT_TRUE(wait_logged(info("status_loop", "shutdown"))) << radio_log();
     EXPECT_EQ(count(info("status_loop", "deviceOff = 1")), 2)
         << "logged once when read and once more before the power-off";
     ASSERT_TRUE(wait_property("vendor.rix.deviceOffRes", "1"));
     EXPECT_EQ(modem().requests("POWER_OFF").size(), 1u) << modem().trace();
-    EXPECT_EQ(count(info("status_loop", "get event 4")), 0) << "the state is not acted on";
+    EXPECT_EQ(count(info("status_loop", "get event 4")), 2) << "the state is not acted on";
     std::this_thread::sleep_for(1s);
-    EXPECT_TRUE(rix_running()) << "the daemon must sleep for ever after the power-off";
-}
+    EXPECT_TRUE(rix_running()) << "the daemon sleeps for ever after the power-off";
 
-TEST_F(StatusLoopWithoutBoot, CrashResetWithACpDebugOptionEndsTheLoopAndStartsOver) {
-    start_waiting();
-    modem().control("crash_reset");
-    ASSERT_TRUE(wait_logged(info("status_loop", "status loop exit"))) << radio_log();
-    EXPECT_EQ(count(info("status_loop", "get event 1")), 1);
-    EXPECT_EQ(count(info("status_loop", "STATE_CRASH_RESET, wait onrestart by rild")), 0)
-        << "a CP debug option ends the loop at once";
-    // The cycle end waits 1 s, then the next cycle skips the boot again and waits anew.
-    ASSERT_TRUE(wait_logged(kWaiting, 5s, 2)) << radio_log();
-    EXPECT_EQ(count(info("main", "CP_DEBUG NOBOOT")), 2);
-    EXPECT_EQ(property("vendor.rix.cp_reset"), "2");
-}
-
-}  // namespace
-}  // namespace systest
-
-namespace systest {
-namespace {
-
-// The crash-reset wait is 3 s plus 27 s, on a faster clock where the build allows it.
-TEST_F(StatusLoop, CrashResetWaitsForRildThenBootsAgain) {
-    build_modem();
-    start_modem();
-    set_cmdline("pax_debug.level=1");
-    Sandbox fast;
-    if (kClockSpeed > 1) {
-        fast.faketime = std::to_string(kClockSpeed);
+    set_property("sys.shutdown.requested", "0");
+    for (const auto& [before, after] : std::vector<std::pair<std::string, std::string>>{
+             {"-5", "-4"}, {"abc", "1"}, {"2147483647", "-2147483648"}}) {
+        stop_phone(SIGTERM);
+        set_property("vendor.rix.cp_reset", before);
+        start_rix({"-d", "-t", "vm420"});
+        EXPECT_TRUE(wait_property("vendor.rix.cp_reset", after)) << before;
     }
-    start_rix({"-d", "-t", "vm420"}, fast);
-    ASSERT_TRUE(wait_logged(kWaiting, 30s)) << radio_log();
-
-    const auto rild_wait = std::chrono::duration_cast<Millis>(30s) / kClockSpeed;
-    auto begin = std::chrono::steady_clock::now();
-    modem().control("crash_reset");
-    ASSERT_TRUE(wait_logged(info("status_loop", "status loop exit"), rild_wait + 20s))
-        << radio_log();
-    auto waited = std::chrono::steady_clock::now() - begin;
+    // The kernel log holds the latest run only.
+    auto in_kmsg = [&](const LogLine& line) { return count_prefix(lines_of(kmsg()), line.kernel); };
+    ASSERT_TRUE(wait_logged(kWaiting)) << radio_log();
+    control("crash_reset");
+    ASSERT_TRUE(wait_logged(kLoopExit)) << radio_log();
     EXPECT_EQ(count(info("status_loop", "get event 1")), 1);
-    EXPECT_EQ(count(info("status_loop", "STATE_CRASH_RESET, wait onrestart by rild")), 1);
-    EXPECT_EQ(count(info("status_loop", "RILD dosenot restart for 3sec, save logs")), 1);
-    EXPECT_GT(waited, rild_wait * 85 / 100);
-    EXPECT_LT(waited, rild_wait + 10s);
+    EXPECT_EQ(count(info("status_loop", "STATE_CRASH_RESET, wait onrestart by rild")), 0);
+    ASSERT_TRUE(eventually([&] { return in_kmsg(kWaiting) == 2; }, 5s)) << kmsg();
+    EXPECT_EQ(in_kmsg(info("main", "CP_DEBUG NOBOOT")), 2);
+    EXPECT_EQ(property("vendor.rix.cp_reset"), "-2147483647");
+}
 
-    // Then the cycle boots the CP again and waits for the next event.
-    ASSERT_TRUE(wait_logged(kWaiting, 30s, 2)) << radio_log();
-    EXPECT_EQ(modem().handles()["boot"], 1) << "the first loop's descriptor is closed";
-    EXPECT_EQ(count(info("main", "Call boot start")), 2);
-    EXPECT_EQ(count(info("main", "Boot up process done!!!")), 2);
-    EXPECT_EQ(property("vendor.rix.cp_reset"), "2");
-    EXPECT_EQ(property("vendor.rix.reset_done"), "1");
+// A loop that cannot open the boot node while a CP debug option is set counts its start and
+// ends at once instead of waiting for ever; the cycle starts it again a second later.
+TEST_F(StatusLoop, WithoutDescriptorEndsAndStartsOverEverySecond) {
+    start_modem();
+    set_cmdline("pax_debug.level=1 pax_debug.cp=3");
+    Sandbox no_boot_node;
+    no_boot_node.omit_nodes = {"umts_boot0"};
+    start_rix({"-d", "-t", "vm420"}, no_boot_node);
+    ASSERT_TRUE(wait_logged(kLoopExit, 10s, 3)) << radio_log();
+    EXPECT_GE(count(error("No such file or directory", "status_loop", "/dev/umts_boot0 open fail")),
+              3);
+    EXPECT_EQ(radio_log().find("open fail, err ="), std::string::npos) << "no dump attempt";
+    EXPECT_GE(count(kWaiting), 3);
+    EXPECT_GE(std::stoi(property("vendor.rix.cp_reset").value_or("0")), 3);
+    EXPECT_EQ(property("vendor.rix.boot_done"), "1");
+    EXPECT_TRUE(rix_running());
 }
 
 }  // namespace
