@@ -120,9 +120,11 @@ class Phone : public ::testing::Test {
     std::optional<std::string> property(const std::string& name) const;
     // Number of lines of both copies holding the message (each copy counted; -1 if they differ).
     int count(const LogLine& line) const;
-    // Each line counted as the pair says.
+    // Each line counted as the pair says. Capture threads log beside the main thread, so an
+    // expected line is first given a few seconds to reach its count.
     void expect_counts(const std::vector<std::pair<LogLine, int>>& lines) const {
         for (const auto& [line, n] : lines) {
+            eventually([&] { return count(line) >= n; }, std::chrono::seconds(10));
             EXPECT_EQ(count(line), n) << line.kernel;
         }
     }
