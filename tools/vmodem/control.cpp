@@ -45,11 +45,11 @@ std::string query_facts(const Modem& m) {
            " srinfo_restored=" + quoted(f.srinfo_restored);
 }
 
-// count:bytes:first_ns:last_ns:cpu_ticks_at_first
+// count:bytes:first_ns:last_ns:cpu_first_ns:cpu_last_ns
 std::string mark_text(const BulkMark& m) {
     return std::to_string(m.count) + ":" + std::to_string(m.bytes) + ":" +
            std::to_string(m.first_ns) + ":" + std::to_string(m.last_ns) + ":" +
-           std::to_string(m.cpu_at_first);
+           std::to_string(m.cpu_first_ns) + ":" + std::to_string(m.cpu_last_ns);
 }
 
 std::string query_marks(const Modem& m) {

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "boot/cpif.h"
@@ -51,31 +52,28 @@ uint64_t monotonic_ns() {
     return uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
 }
 
-// utime + stime of a process in clock ticks (fields 14 and 15 of
-// /proc/PID/stat, counted after the command name's closing parenthesis), or -1.
-int64_t process_cpu_ticks(int32_t pid) {
+// Opens the run-time counter of a thread: the first field of its schedstat
+// is the time it spent on a CPU, in ns.
+int open_thread_cpu(int32_t tid) {
     char path[64];
-    snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    snprintf(path, sizeof(path), "/proc/%d/task/%d/schedstat", static_cast<int>(tid),
+             static_cast<int>(tid));
+    return open(path, O_RDONLY | O_CLOEXEC);
+}
+
+int64_t thread_cpu_ns(int fd) {
     if (fd < 0) {
         return -1;
     }
-    char buf[1024];
-    ssize_t n = ::read(fd, buf, sizeof(buf) - 1);
-    close(fd);
+    char buf[96];
+    const ssize_t n = pread(fd, buf, sizeof(buf) - 1, 0);
     if (n <= 0) {
         return -1;
     }
     buf[n] = '\0';
-    const char* p = strrchr(buf, ')');
-    unsigned long long utime = 0, stime = 0;
-    // The count of converted fields is checked.
-    // NOLINTNEXTLINE(cert-err34-c)
-    if (p == nullptr || sscanf(p + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu",
-                               &utime, &stime) != 2) {
-        return -1;
-    }
-    return static_cast<int64_t>(utime + stime);
+    char* end = nullptr;
+    const unsigned long long ns = strtoull(buf, &end, 10);
+    return end == buf ? -1 : static_cast<int64_t>(ns);
 }
 
 }  // namespace
@@ -98,22 +96,33 @@ void Modem::released(Node node) {
     trace_.line("release %s", node_name(node));
 }
 
+Modem::~Modem() {
+    clear_marks();
+}
+
 void Modem::clear_marks() {
-    for (BulkMark& m : marks_) {
-        m = BulkMark{};
+    for (int k = 0; k < kBulkKinds; ++k) {
+        marks_[k] = BulkMark{};
+        if (mark_cpu_fd_[k] >= 0) {
+            close(mark_cpu_fd_[k]);
+            mark_cpu_fd_[k] = -1;
+        }
     }
 }
 
-// Once per kind and clear the caller's CPU time is read; after that a mark
-// is a clock read and two additions.
+// A mark is a clock read, a pread of the first caller's CPU time and two
+// additions per chunk; the counter is opened once per kind and clear.
 void Modem::note_bulk(Bulk kind, uint64_t bytes) {
-    BulkMark& m = marks_[static_cast<int>(kind)];
+    const int k = static_cast<int>(kind);
+    BulkMark& m = marks_[k];
     const uint64_t now = monotonic_ns();
     if (m.count == 0) {
         m.first_ns = now;
-        m.cpu_at_first = process_cpu_ticks(caller_);
+        mark_cpu_fd_[k] = open_thread_cpu(caller_);
+        m.cpu_first_ns = thread_cpu_ns(mark_cpu_fd_[k]);
     }
     m.last_ns = now;
+    m.cpu_last_ns = thread_cpu_ns(mark_cpu_fd_[k]);
     ++m.count;
     m.bytes += bytes;
 }

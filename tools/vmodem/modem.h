@@ -66,14 +66,17 @@ enum class Bulk : uint8_t { Image, Frame, Region };
 inline constexpr int kBulkKinds = 3;
 
 // Per kind since the last clear: count and bytes, CLOCK_MONOTONIC of the
-// first and the last one served, and the caller's CPU time (user+system,
-// clock ticks, -1 unknown) when the first one came.
+// first and the last one served, and the CPU time (ns on CPU, -1 unknown) of
+// the thread that asked for the first one, read when the first and the last
+// one were served: the reader's cost over the very window of the transfer,
+// whatever else its process does before or after.
 struct BulkMark {
     uint64_t count = 0;
     uint64_t bytes = 0;
     uint64_t first_ns = 0;
     uint64_t last_ns = 0;
-    int64_t cpu_at_first = -1;
+    int64_t cpu_first_ns = -1;
+    int64_t cpu_last_ns = -1;
 };
 
 inline constexpr unsigned kPollIn = 0x001;
@@ -83,6 +86,9 @@ class Modem {
   public:
     // memory: memory_size bytes of modem memory owned by the caller.
     Modem(Settings settings, uint8_t* memory, Trace& trace);
+    ~Modem();
+    Modem(const Modem&) = delete;
+    Modem& operator=(const Modem&) = delete;
 
     IoctlOutcome ioctl(Node node, uint32_t cmd, uint64_t arg, const void* in, size_t in_len,
                        void* out, size_t out_cap, UserMemory& user);
@@ -106,7 +112,7 @@ class Modem {
     Settings& settings() { return settings_; }
     Trace& trace() { return trace_; }
 
-    // The process whose request is being served (for the CPU time of a mark).
+    // The thread whose request is being served (for the CPU time of a mark).
     void set_caller(int32_t pid) { caller_ = pid; }
     const BulkMark& mark(Bulk kind) const { return marks_[static_cast<int>(kind)]; }
     void clear_marks();
@@ -170,6 +176,9 @@ class Modem {
     std::deque<Message> queues_[kNodeCount];
     int32_t caller_ = 0;
     BulkMark marks_[kBulkKinds];
+    // Per kind, the first caller's /proc/TID/task/TID/schedstat, kept open
+    // so that each chunk costs one pread, not an open and a close.
+    int mark_cpu_fd_[kBulkKinds] = {-1, -1, -1};
 };
 
 }  // namespace vmodem

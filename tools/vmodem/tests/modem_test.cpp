@@ -103,9 +103,9 @@ TEST_F(ModemTest, RequestsTheDaemonNeverMakesAreRefusedAndFactsEscaped) {
 
 // Chunks stay inside modem memory (the empty last chunk of a part whose size is a multiple of
 // the chunk is fine); refused ones count nothing, neither in the facts nor in the benchmark's
-// marks. A mark counts the transfers served per kind (frames by payload bytes), the first one
-// samples the caller's CPU time, a clear starts over and image_mark_range keeps only the loads
-// that start inside it.
+// marks. A mark counts the transfers served per kind (frames by payload bytes), the caller's
+// thread CPU time is sampled at the first and the last one, a clear starts over and
+// image_mark_range keeps only the loads that start inside it.
 TEST_F(ModemTest, ImageChunksStayInsideModemMemoryAndMarksCountWhatWasServed) {
     make({"dump_size 20000", "dump_steps 1", "region shmem 5000"});
     modem_->set_caller(getpid());
@@ -129,13 +129,15 @@ TEST_F(ModemTest, ImageChunksStayInsideModemMemoryAndMarksCountWhatWasServed) {
     while (get() > 0) {
     }
     const BulkMark& image = modem_->mark(Bulk::Image);
-    EXPECT_TRUE(image.first_ns > 0 && image.last_ns >= image.first_ns && image.cpu_at_first >= 0);
+    EXPECT_TRUE(image.first_ns > 0 && image.last_ns >= image.first_ns && image.cpu_first_ns >= 0 &&
+                image.cpu_last_ns >= image.cpu_first_ns);
     const std::string marks = control("query marks");
     EXPECT_EQ(marks.rfind("ok image=3:300:", 0), 0u) << marks;
     EXPECT_NE(marks.find(" frame=2:20000:"), std::string::npos) << marks;
     EXPECT_NE(marks.find(" region=2:5000:"), std::string::npos) << marks;
     EXPECT_EQ(control("marks_clear"), "ok");
-    EXPECT_EQ(control("query marks"), "ok image=0:0:0:0:-1 frame=0:0:0:0:-1 region=0:0:0:0:-1");
+    EXPECT_EQ(control("query marks"),
+              "ok image=0:0:0:0:-1:-1 frame=0:0:0:0:-1:-1 region=0:0:0:0:-1:-1");
     EXPECT_EQ(control("set image_mark_range 0x2000 0x2001"), "ok");
     for (uint32_t m_offset : {0x1FFFu, 0x2001u, 0x2000u}) {
         ASSERT_EQ(load(m_offset, 200), 0);
