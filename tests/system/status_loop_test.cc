@@ -141,5 +141,20 @@ TEST_F(StatusLoop, WithoutDescriptorEndsAndStartsOverEverySecond) {
     EXPECT_TRUE(rix_running());
 }
 
+// An error condition on the boot node without a hang-up is no event: the loop looks again a
+// second later instead of reading the state, and does not spin.
+TEST_F(StatusLoop, PollErrorWithoutHangUpIsNoEventAndIsLookedAtEverySecond) {
+    boot("boot_poll_error 1\n");
+    const auto polls = [&] { return traced("poll boot events=0x18 -> 0x8"); };
+    ASSERT_TRUE(eventually([&] { return polls() >= 1; }, 5s)) << modem().trace();
+    const size_t state_reads = modem().requests("GET_MODEM_STATE").size();
+    std::this_thread::sleep_for(3s);
+    EXPECT_GE(polls(), 3) << modem().trace();
+    EXPECT_LE(polls(), 5) << modem().trace();
+    EXPECT_EQ(radio_log().find("get event"), std::string::npos) << radio_log();
+    EXPECT_EQ(modem().requests("GET_MODEM_STATE").size(), state_reads) << modem().trace();
+    EXPECT_TRUE(rix_running());
+}
+
 }  // namespace
 }  // namespace systest

@@ -255,6 +255,12 @@ void op_poll(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi, fuse_pollhandle
     }
     std::lock_guard lock(g.shared->mu);
     unsigned mask = g.shared->modem->poll_mask(node);
+    // A poll for the hang-up alone is the status loop's: the misbehaving
+    // driver answers it with an error condition.
+    if (node == Node::Boot && (fi->poll_events & POLLIN) == 0 &&
+        g.shared->modem->settings().boot_poll_error) {
+        mask |= POLLERR;
+    }
     g.shared->modem->trace().line("poll %s events=0x%X -> 0x%X", node_name(node), fi->poll_events,
                                   mask);
     if (ph != nullptr) {

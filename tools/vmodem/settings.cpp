@@ -213,6 +213,7 @@ std::string clear_misbehaviour(Settings& s) {
     s.info_num_steps.reset();
     s.info_dump_size_delta = 0;
     s.region_zero_reads = false;
+    s.boot_poll_error = false;
     s.srinfo_marker.reset();
     s.crash_reason_unterminated = false;
     return "";
@@ -374,6 +375,8 @@ std::string apply_setting(Settings& s, std::string_view line) {
     }
     if (key == "region_zero_reads")
         return set_flag(rest, s.region_zero_reads);
+    if (key == "boot_poll_error")
+        return set_flag(rest, s.boot_poll_error);
     if (key == "srinfo_marker")
         return set_opt_u32(rest, s.srinfo_marker);
     if (key == "crash_reason_unterminated")

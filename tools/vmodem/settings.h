@@ -59,6 +59,7 @@ struct Settings {
     std::optional<uint32_t> info_num_steps;
     int64_t info_dump_size_delta = 0;
     bool region_zero_reads = false;
+    bool boot_poll_error = false;
     std::optional<uint32_t> srinfo_marker;
     bool crash_reason_unterminated = false;
 };
