@@ -75,12 +75,20 @@ TEST_F(LogTest, DumpLogCopyOnlyWhileLogFdIsOpen) {
     LOGI_DUMP_AS("std_ul_recv_info", "DUMP INFO saved\n");
     LOGE_DUMP_AS("std_ul_rx_frame", "ERR! DUMP read fail\n");
     LOGI_AS("dump", "not for the dump log\n");
+    // A daemon started without a standard output gets its dump log at descriptor 1.
+    const int out = dup(1);
+    ASSERT_EQ(dup2(file, 1), 1);
+    d->log_fd = 1;
+    LOGI_DUMP_AS("std_ul_recv_data", "[step 1] saved = 7\n");
+    dup2(out, 1);
+    close(out);
     d->log_fd = -1;
     LOGI_DUMP_AS("dump", "closed\n");
 
     EXPECT_EQ(fd_text(file),
               "std_ul_recv_info: DUMP INFO saved\n"
-              "(ERR! Input/output error) std_ul_rx_frame: ERR! DUMP read fail\n");
+              "(ERR! Input/output error) std_ul_rx_frame: ERR! DUMP read fail\n"
+              "std_ul_recv_data: [step 1] saved = 7\n");
     // The two usual copies are always written.
     const std::string k = kmsg();
     EXPECT_NE(k.find("<6>cpif: rix: std_ul_recv_info: dump_size : 7\n"), std::string::npos);
