@@ -123,7 +123,9 @@ class Phone : public ::testing::Test {
     // Each line counted as the pair says. Capture threads log beside the main thread, so an
     // expected line is first given a few seconds to reach its count.
     void expect_counts(const std::vector<std::pair<LogLine, int>>& lines) const {
-        for (const auto& [line, n] : lines) {
+        for (const auto& expected : lines) {
+            const LogLine& line = expected.first;
+            const int n = expected.second;
             eventually([&] { return count(line) >= n; }, std::chrono::seconds(10));
             EXPECT_EQ(count(line), n) << line.kernel;
         }
