@@ -1,6 +1,8 @@
 // A CP crash seen by the status loop: the evidence the daemon collects, the dump-mode boot of the
 // CP, upload mode, and what a misbehaving CP, a full or unusable log directory, a debug option
 // or minidump mode make of it.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -134,13 +136,19 @@ TEST_P(Collected, KeepsEveryPieceThenBootsTheCpAgain) {
     EXPECT_EQ(compare_with_stream(root() + kLogDir + "/cpcrash_umts_dump_" + stamp + ".log", c.seed,
                                   c.size),
               "");
-    // One file per CP log region, byte-identical to it, and no other.
+    // One file per CP log region, byte-identical to it, 0660, its size in the dump log; no other.
     for (const auto& [name, size] : c.regions) {
         const auto names = files("cpcrash_" + name + "_dump_umts_");
         ASSERT_EQ(names.size(), 1u) << name;
-        EXPECT_EQ(compare_with_stream(root() + kLogDir + "/" + names[0],
-                                      payload::stream_seed(c.seed, name), size),
-                  "");
+        const std::string path = kLogDir + "/" + names[0];
+        EXPECT_EQ(compare_with_stream(root() + path, payload::stream_seed(c.seed, name), size), "");
+        struct stat st = {};
+        EXPECT_EQ(stat((root() + path).c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0660u) << path;
+        EXPECT_EQ(count_prefix(log, "get_log_dump: " + path + " Complete! (" +
+                                        std::to_string(size) + " bytes)"),
+                  1)
+            << path;
     }
     const auto all = files("cpcrash_");
     EXPECT_EQ(std::count_if(all.begin(), all.end(),
@@ -203,14 +211,16 @@ const std::string kOops = ": CP Crash by CP - UMTS: oops at 0x1234";
 
 // clang-format off
 const Collection kCollections[] = {
-    // Three pmux regions announced; a dump of more than 256 MiB.
-    {"CrashByTheCp", "dump_seed 7\ndump_steps 5\ndump_size 268447801\ndump_reason oops at 0x1234\n"
+    // Three pmux regions announced; a dump of more than 256 MiB in 13 steps, the last one
+    // requested with the DONE word.
+    {"CrashByTheCp", "dump_seed 7\ndump_steps 13\ndump_size 268447801\ndump_reason oops at 0x1234\n"
      "crash_owner 0\nregion_count 2 3\n" + regions_scenario(kRegions), 2, kOops, 7, 268447801,
      kRegions, {{info("make_cp_crash_reason", "CP CRASH" + kOops), 1}}},
     // State 9 is handled as 2; a crash the driver blames on another party carries the driver's
     // text; a dump of many frames per step arrives whole; a refused count reads one pmux region.
     {"WatchdogBlamedOnTheCld", "dump_seed 3\ndump_size 50000\ndump_steps 3\nframe_payload 1000\n"
-     "crash_owner 16\ncrash_reason cld stalled\nregion_default_size 3000\n", 9,
+     "crash_owner 16\ncrash_reason cld stalled\nregion_default_size 3000\n"
+     "region_default_count 3\nresult GET_NUM_LOG_DUMP -25\n", 9,
      ": CP Crash by CLD - cld stalled", 3, 50000, {{"shmem", 3000}, {"vss", 3000},
      {"databuf", 3000}, {"l2b", 3000}, {"pmux0", 3000}, {"cp_btl", 3000}, {"ddm", 3000}},
      {{info("std_ul_recv_data", "[step 3] num_frames = 17"), 1}}},
@@ -380,18 +390,38 @@ TEST_F(Crash, MisbehavingCpEndsEachAttemptCleanly) {
          {info("std_dump_receive_cp_dump", "ERR! std_ul_recv_info fail"), 7},
          {kStartDumpFail, 28}});
     EXPECT_EQ(modem().requests("TRIGGER_AP_WDTRESET").size(), 24u);
+    // A wrong START or DONE answer, frames of another step, a frame size above what the read
+    // returned: each ends the attempt with its own line.
+    for (const char* misbehaviour : {"answer 0x9D00 0xAD01", "answer 0x9D0D 0xAD0E",
+                                     "frame_command 2 0xAD03", "frame_size_field 2 1 1001"}) {
+        ASSERT_TRUE(crash_round({misbehaviour})) << misbehaviour << "\n" << radio_log();
+    }
+    expect_counts({{info("std_dump_receive_cp_dump", "ERR! std_udl_stage_start fail"), 7},
+                   {info("std_dump_receive_cp_dump", "ERR! DUMP std_udl_stage_done fail"), 7},
+                   {info("std_ul_recv_data", "ERR! [step 2] cmd 0xAD03 != exp 0xAD02"), 7},
+                   {info("std_ul_recv_data", "ERR! [step 2] std_ul_rx_frame fail (ret -14)"), 7},
+                   {kStartDumpFail, 56}});
 
     // A REASON longer than the room behind the prefix is cut to fit, and log regions that
     // deliver nothing end their own file only: this dump is collected, its reason bounded.
     ASSERT_TRUE(crash_round({"info_reason_len 1000", "region_zero_reads 1"})) << radio_log();
     expect_counts({{info("std_ul_recv_info", "ERR! reason_len 1000 > 505, truncated"), 1},
                    {info("get_log_dump", "ERR! log_dump std_ul_rx_frame fail (ret 0)"), 7},
-                   {kStartDumpFail, 28},
-                   {kStatusReset, 5}});
+                   {kStartDumpFail, 56},
+                   {kStatusReset, 9}});
     const auto uploads = modem().requests("ENTER_UPLOAD_MODE");
     ASSERT_EQ(uploads.size(), 1u);
     EXPECT_EQ(uploads[0].size() - (uploads[0].find("text=\"") + 6) - 1, 511u) << uploads[0];
     EXPECT_EQ(read_file(kLogDir + "/" + files("cpcrash_umts_info_").back()).size(), 511u);
+
+    // A dump of no steps is collected, empty; a crash reason the driver refuses clears the one
+    // before and leaves the upload text empty.
+    ASSERT_TRUE(crash_round({"dump_steps 0", "dump_size 0", "result GET_CP_CRASH_REASON -25"}))
+        << radio_log();
+    EXPECT_EQ(modem().requests("ENTER_UPLOAD_MODE").back(),
+              "ioctl dump ENTER_UPLOAD_MODE -> 0 text=\"\"");
+    EXPECT_EQ(read_file(kLogDir + "/" + files("cpcrash_umts_dump_2").back()), "");
+    EXPECT_EQ(count_errors("make_cp_crash_reason", "ERR! IOCTL_GET_CP_CRASH_REASON fail"), 1);
     expect_nothing_left_open();
 }
 
