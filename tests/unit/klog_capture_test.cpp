@@ -118,11 +118,11 @@ TEST_F(KlogCaptureTest, ThreadedCaptureSkipsTheLowLevelAndTheExcludedChips) {
     for (int i = 0; i < 500 && kmsg().find("_save_logs: /") == std::string::npos; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    umask(old_umask);
     const auto files = captures();
     ASSERT_EQ(files.size(), 1u) << kmsg();
     EXPECT_EQ(files[0].rfind("cp_boot_umts_", 0), 0u) << files[0];
     EXPECT_EQ(fs::status(kDir + "/" + files[0]).permissions(), fs::perms(0660));
-    umask(old_umask);
 }
 
 }  // namespace
