@@ -31,15 +31,22 @@ TEST_F(StatusLoop, CrashResetWaitsForRildAtTheStartUpLevelACrashReadsTheLevelAga
                    {info("status_loop", "RILD dosenot restart for 3sec, save logs"), 1},
                    {level_high, 1},
                    {kCallBoot, 2},
-                   {kBootDone, 2}});
+                   {kBootDone, 2},
+                   {info("save_logs_thread", "pthread_create fail"), 0}});
     EXPECT_EQ(radio_log().find("check_debug_level: debug_level=0"), std::string::npos);
     EXPECT_EQ(radio_log().find("get_cmdline_str"), std::string::npos);
     EXPECT_EQ(modem().handles()["boot"], 1) << "the first loop's descriptor is closed";
     EXPECT_EQ(property("vendor.rix.cp_reset"), "2");
     EXPECT_EQ(property("vendor.rix.reset_done"), "1");
-    // The start-up level 2 still applies: the captures of the crash reset and of both boots.
-    for (const char* capture : {"rix_only_umts_", "cp_boot_umts_", "cp_boot_done_umts_"}) {
-        EXPECT_TRUE(eventually([&] { return files(capture).size() == 1; }, kWait)) << capture;
+    // The start-up level 2 still applies: the captures of the crash reset and of both boots, each
+    // "<name>%Y%m%d%H%M_%S.log" with the ring text and one zero byte.
+    for (const std::string capture : {"rix_only_umts_", "cp_boot_umts_", "cp_boot_done_umts_"}) {
+        const auto captured = [&] {
+            const auto names = files(capture);
+            return names.size() == 1 && names[0].size() == capture.size() + 19 &&
+                   read_file(kLogDir + "/" + names[0]).ends_with('\0');
+        };
+        EXPECT_TRUE(eventually(captured, kWait)) << capture;
     }
 
     set_property("persist.sys.enable_minidump0", "1");
@@ -59,11 +66,9 @@ TEST_F(StatusLoop, CrashResetWaitsForRildAtTheStartUpLevelACrashReadsTheLevelAga
     EXPECT_TRUE(files("cpcrash_").empty());
     EXPECT_EQ(traced("open dump"), 0);
     EXPECT_TRUE(modem().requests("ENTER_UPLOAD_MODE").empty());
-    int state_lines = 0;
-    for (const auto& l : lines_of(radio_log())) {
-        state_lines += l.find("get_modem_state: modem_status: ") != std::string::npos;
-    }
-    EXPECT_EQ(state_lines, 3) << "only each boot's own read logs the state";
+    EXPECT_EQ(count_prefix(lines_of(radio_log()), "D/boot: rix: get_modem_state: modem_status: "),
+              3)
+        << "only each boot's own read logs the state";
 }
 
 // Without a boot the loop starts at once. An unknown state is one event, after which the loop

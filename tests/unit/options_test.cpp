@@ -112,16 +112,6 @@ TEST_F(OptionsTest, ArgumentsSetTheModemPathsAndOptions) {
         EXPECT_EQ(state(), c.state);
         EXPECT_EQ(log(), c.log);
     }
-    // An empty argument prints as a NUL: the kernel record still holds the
-    // whole line, and the next message starts a line of its own.
-    for (const std::string text : {"-o", "-s"}) {
-        Container::reset();
-        clear_logs();
-        parse({text, "", "-d"});
-        const std::string line = text == "-o" ? "ERR! invalid option " : "SRINFO type: ";
-        EXPECT_EQ(kmsg().substr(0, kmsg().find('\n') + 1),
-                  "<6>cpif: rix: parseArgs: " + line + std::string(1, '\0') + "\n");
-    }
 }
 
 TEST_F(OptionsTest, OverlongArgumentsAreRefusedNotCut) {
