@@ -229,6 +229,10 @@ const OneShotRow kOneShots[] = {
      .has = {"CHECK_SECURITY mode=12 param2=0x114000 param3=0x1000 "}, .lacks = {kVssLoad}},
     {.label = "ReinitOptionSendsVss", .args = {"-o", "s"}, .props = {{kFirstLoad, "1"}},
      .seen = {kSkipVss}, .has = {kVssLoad}},
+    // The load's result is the mark's first character minus '0': "2" sends VSS (it is not "1")
+    // but skips its check (the result is not 0).
+    {.label = "FirstLoadMarkTwoSendsVssButSkipsItsCheck", .props = {{kFirstLoad, "2"}},
+     .seen = {kSkipVss}, .has = {kVssLoad}},
     // A directory without an NV file: it is made full of 0xFF at the TOC's size and sent.
     {.label = "MissingNvIsCreated", .args = {"-n", "/mnt/vendor/efs/fresh"},
      .files = {{"/mnt/vendor/efs/fresh/.keep", ""}}, .made = "/mnt/vendor/efs/fresh/nv_data.bin",
@@ -246,6 +250,19 @@ const OneShotRow kOneShots[] = {
      .seen = {info("get_rfboard_disconnect", "RF sub board is disconnected, gpio_val:2"),
               info("set_sim_configuration", "sim count: 5 (echo to ds_detect file)")},
      .has = {"ioctl boot POWER_ON -> 0"}, .unwritten = "/sys/devices/platform/cpif/sim/ds_detect"},
+    // A failed RF query and an empty factory file only cost their lines.
+    {.label = "FailedBoardQueriesStillBoot", .scenario = "result GET_RFBOARD_DISCONNECT -5\n",
+     .files = {{"/efs/factory.prop", ""}},
+     .seen = {error("Input/output error", "get_rfboard_disconnect", "IOCTL_GET_RFBOARD_DISCONNECT fail (-1)"),
+              info("get_factory_prop", "can't find token!"), kBootDone},
+     .unwritten = "/sys/devices/platform/cpif/sim/ds_detect"},
+    // Neither can a wake-lock or SIM file that cannot be opened; the release has its own file.
+    {.label = "UnopenableWakeLockAndSimFileAreOnlyLogged",
+     .files = {{"/sys/power/wake_lock/x", ""}, {"/sys/devices/platform/cpif/sim/ds_detect/x", ""},
+               {"/efs/factory.prop", "sim=2"}},
+     .seen = {error("Is a directory", "boot_wake_lock", "user wake_lock open fail"),
+              error("Is a directory", "set_sim_configuration", "SIM conf: open failed"), kBootDone},
+     .made = "/sys/power/wake_unlock", .made_of = "vm420"},
     // Mode 2 answered 11 is tolerated after its error line.
     {.label = "NonSecureAnswerElevenBoots", .scenario = "security 2 11\n", .seen = {kBootDone},
      .has = {") std_security_req: ERR! IOCTL_CHECK_SECURITY fail (0xb)\n"}},
@@ -259,6 +276,11 @@ const OneShotRow kOneShots[] = {
              "\nioctl boot CHECK_SECURITY mode=7" + kZeros +
              "\nioctl boot CHECK_SECURITY mode=0" + kZeros},
      .lacks = {"LOAD_CP_IMAGE"}},
+    // A part of size 0 and one without a descriptor (NV_NORM) are skipped.
+    {.label = "SkippedPartsAreOnlyLogged",
+     .parts = {"TOC", "BOOT:size=4096", "MAIN:size=0x10000", "VSS:size=0", "NV:size=0x10000", "NV_NORM:size=16", "OFFSET"},
+     .seen = {info("load_cp_images", "b_size is not valid. skip stage[3]"),
+              info("load_cp_images", "fd is not valid. skip stage[5]"), kBootDone}},
     // A part whose size equals its offset in the partition is sent like any other.
     {.label = "PartAsLargeAsItsOffsetIsSent",
      .parts = {"TOC", "BOOT:size=4096", "MAIN:size=0x10000", "VSS:size=4096", "NV:size=0x10000",

@@ -1,6 +1,5 @@
 // SIM count from the factory file and its hand-over to the driver, the sales
-// codes that reboot on a secure-boot failure, the RF sub-board query's
-// failure paths.
+// codes that reboot on a secure-boot failure.
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -81,33 +80,6 @@ TEST_F(BoardTest, SimCountIsTheCharacterAfterTheFirstEquals) {
     }
 }
 
-TEST_F(BoardTest, SimConfigurationFailuresAreErrorsAndNothingFollows) {
-    std::ofstream(kFactory) << "sim=2";
-    // A link in place of the attribute is not followed.
-    std::filesystem::create_symlink("/data/elsewhere", kDsDetect);
-    clear_logs();
-    Container::bootDump->set_sim_configuration();
-    EXPECT_FALSE(std::filesystem::exists("/data/elsewhere"));
-    const std::string line = "set_sim_configuration: SIM conf: ";
-    EXPECT_NE(kmsg().find("(ERR! Too many levels of symbolic links) " + line + "open failed\n"),
-              std::string::npos);
-    // A full device in the attribute's place: every write fails with ENOSPC.
-    std::filesystem::remove(kDsDetect);
-    std::ofstream(kDsDetect) << "";
-    ASSERT_EQ(mount("/dev/full", kDsDetect, nullptr, MS_BIND, nullptr), 0);
-    clear_logs();
-    Container::bootDump->set_sim_configuration();
-    umount(kDsDetect);
-    EXPECT_NE(kmsg().find("(ERR! No space left on device) " + line + "write failed\n"),
-              std::string::npos);
-    // No driver attribute directory at all.
-    std::filesystem::remove_all(kSimDir);
-    clear_logs();
-    Container::bootDump->set_sim_configuration();
-    EXPECT_NE(kmsg().find("(ERR! No such file or directory) " + line + "open failed\n"),
-              std::string::npos);
-}
-
 TEST_F(BoardTest, OnlyExactRebootSalesCodesMatch) {
     for (auto [code, reboot] : {std::pair{"TMB", true},
                                 {"VZW", true},
@@ -122,20 +94,6 @@ TEST_F(BoardTest, OnlyExactRebootSalesCodesMatch) {
         EXPECT_EQ(Container::protocol->check_dmx_sales_code(), reboot) << code;
         EXPECT_EQ(kmsg(), kRix + "check_dmx_sales_code: sales_code:" + code + "\n");
     }
-}
-
-TEST_F(BoardTest, RfBoardQueryFailuresAreErrors) {
-    strcpy(rix_args.boot_node, "/data/umts_boot0");
-    clear_logs();
-    EXPECT_EQ(Container::bootDump->get_rfboard_disconnect(), -1);
-    // A node that is not the driver refuses the request.
-    std::ofstream("/data/umts_boot0") << "";
-    EXPECT_EQ(Container::bootDump->get_rfboard_disconnect(), -1);
-    EXPECT_EQ(kmsg(),
-              "<3>cpif: rix: (ERR! No such file or directory) get_rfboard_disconnect: "
-              "/data/umts_boot0 open fail(No such file or directory)\n"
-              "<3>cpif: rix: (ERR! Inappropriate ioctl for device) get_rfboard_disconnect: "
-              "IOCTL_GET_RFBOARD_DISCONNECT fail (-1)\n");
 }
 
 }  // namespace
