@@ -26,7 +26,6 @@ TEST_F(DecisionsTest, KernelCopyIsOneRecordPerMessage) {
     errno = ENOENT;
     LOGE_AS("status_loop", "%s open fail\n", "/dev/umts_boot0");
     LOGI_AS("main", "\n\n ---- upload ----\n\n");
-    LOGI_AS("CsumCheckForFile", "%s checksum : %s", "/mnt/vendor/efs/nv_data.bin", "verified");
     kmsg_fd = kmsg_capture_;
     close(sv[0]);
 
@@ -40,9 +39,7 @@ TEST_F(DecisionsTest, KernelCopyIsOneRecordPerMessage) {
               (std::vector<std::string>{
                   "<3>cpif: rix: (ERR! No such file or directory) status_loop: /dev/umts_boot0 "
                   "open fail\n",
-                  "<6>cpif: rix: main: \n\n ---- upload ----\n\n",
-                  "<6>cpif: rix: CsumCheckForFile: /mnt/vendor/efs/nv_data.bin checksum : "
-                  "verified"}));
+                  "<6>cpif: rix: main: \n\n ---- upload ----\n\n"}));
 }
 
 // The NV validation wait reads the property 50 times, each read followed by a pause: a "1" set

@@ -64,7 +64,7 @@ class NvTest : public RixTest {
     mode_t old_mask_ = 0;
 };
 
-// Each image is checked in memory and as the NV file, which adds its verdict.
+// Each image is checked as the NV file, which adds its verdict to the check's own lines.
 TEST_F(NvTest, CheckValueSumsWordsAndRefusesWhatDoesNotFit) {
     const int before = open_descriptors();
     std::string short_file(17, '\0'), erased_header(16, '\0');
@@ -91,22 +91,15 @@ TEST_F(NvTest, CheckValueSumsWordsAndRefusesWhatDoesNotFit) {
         {"more data announced than there is", short_file, false, size_error(32, 17)},
         {"no room for the check value", no_check, false, size_error(4, 21)},
         {"odd size without check value", odd_no_check, false, size_error(3, 20)},
-        {"odd size with half a check value", odd_no_check + '\x04', false, size_error(3, 21)},
         {"exactly 1 MiB", empty + std::string(0x100000 - empty.size(), '\0'), true, ""},
         {"longer than 1 MiB is never summed", empty + std::string(0x100001 - empty.size(), '\0'),
          false, size_error(0, 1048577)},
         // An erased header is the default, even for a file too long to be checked.
         {"erased", std::string(64, '\xff'), true, ""},
-        {"erased header alone", erased_header, true, ""},
         {"erased header, 2 MiB behind", erased_header + std::string(0x200000, '\0'), true, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        clear_logs();
-        EXPECT_EQ(
-            CsumCheckForData(reinterpret_cast<const uint8_t*>(c.bytes.data()), c.bytes.size()),
-            c.ok);
-        EXPECT_EQ(kmsg(), c.log);
         write_file(kNvPath, c.bytes);
         clear_logs();
         EXPECT_EQ(CsumCheckForFile(kNvPath), c.ok);

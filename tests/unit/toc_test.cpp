@@ -118,12 +118,24 @@ class TocTest : public RixTest {
     mode_t old_mask_ = 0;
 };
 
-TEST_F(TocTest, StandardTocBuildsOneEntryPerPart) {
-    // The dump record is still the constructor's zero-fill, descriptor 0
-    // everywhere: closing it leaves standard input alone.
+// The standard parts with the given entries replaced or, past the end, added.
+std::vector<Entry> standard_with(const std::vector<std::pair<size_t, Entry>>& changes) {
+    std::vector<Entry> parts = standard_parts();
+    for (const auto& [i, e] : changes) {
+        parts.resize(std::max(parts.size(), i + 1));
+        parts[i] = e;
+    }
+    return parts;
+}
+
+// Every TOC shape the preparation meets: the stages it builds and their
+// fields, the NV file it opens or makes, or its refusal.
+TEST_F(TocTest, PreparationBuildsTheRangeOrRefusesTheToc) {
+    // The records are still the constructor's zero-fill, descriptor 0
+    // everywhere: closing one leaves standard input alone, and the
+    // preparation resets the boot record first.
     bd_->std_dump_close_args();
     EXPECT_NE(fcntl(0, F_GETFD), -1);
-    // So is the boot record: the preparation resets it first.
     write_file(kPartition, toc_bytes(standard_parts(), 6));
     clear_logs();
     ASSERT_TRUE(bd_->prepare_boot_args(CP_BOOT_MODE_NORMAL));
@@ -147,27 +159,10 @@ TEST_F(TocTest, StandardTocBuildsOneEntryPerPart) {
         contains("build_std_dload_control: stage=2, name:MAIN b_off=0x00002000, "
                  "m_offset=0x00200000 b_size=0x00004000\n"));
     // Closing gives every descriptor back.
-    int before = open_descriptors();
+    const int before = open_descriptors() - 3;
     bd_->std_boot_close_args();
-    EXPECT_EQ(open_descriptors(), before - 3);
-}
+    EXPECT_EQ(open_descriptors(), before);
 
-// The standard parts with the given entries replaced or, past the end, added.
-std::vector<Entry> standard_with(const std::vector<std::pair<size_t, Entry>>& changes) {
-    std::vector<Entry> parts = standard_parts();
-    for (const auto& [i, e] : changes) {
-        parts.resize(std::max(parts.size(), i + 1));
-        parts[i] = e;
-    }
-    return parts;
-}
-
-// Every TOC shape the preparation meets: the stages it builds, the NV file
-// it opens or makes, or its refusal.
-TEST_F(TocTest, PreparationBuildsTheRangeOrRefusesTheToc) {
-    // Closing the zero-filled record leaves standard input alone.
-    bd_->std_boot_close_args();
-    ASSERT_NE(fcntl(0, F_GETFD), -1);
     // The dump record lies right behind the boot record: a stage slot past
     // the table's end would land in it.
     std_dump* d = Container::getStdDump();
@@ -204,7 +199,6 @@ TEST_F(TocTest, PreparationBuildsTheRangeOrRefusesTheToc) {
         std::string logged = "";
         cp_boot_mode mode = CP_BOOT_MODE_NORMAL;
         bool nv_path = true, nv_before = false;  // an NV path is set; the file is there before
-        uint32_t options = 0;
     };
     // clang-format off
     const Row rows[] = {
@@ -231,17 +225,15 @@ TEST_F(TocTest, PreparationBuildsTheRangeOrRefusesTheToc) {
         {"sixteen, OFFSET at 14", toc_bytes(offset_at_14, 16), "bbbBnbbbbbbbb 0..12", true, no_slot(13)},
         {"sixteen, count 13", toc_bytes(sixteen, 13), "bbbBnbbbbbbbb 0..12", true},
         // Names are matched whole, the last one wins; only the entry that
-        // holds the VSS index is sent once (at every boot with -o s), NV_NORM
+        // holds the VSS index is sent once, NV_NORM
         // and NV_PROT are never loaded, unknown names load like BOOT. A name
         // of 12 bytes has no NUL and is printed with exactly those bytes.
         {"names", toc_bytes(names, 11), "bbbbnB--bb... 0..10", true, "TOC[8].name = BOOTLOADER12, b_off=0x0000c000"},
-        {"names, -o s", toc_bytes(names, 11), "bbbbnb--bb... 0..10", true, "stage=8, name:BOOTLOADER12 b_off=0x0000c000", CP_BOOT_MODE_NORMAL, true, false, BOPT_REINIT_VSS},
         // The bytes read are shown in hex: the first 32, or fewer on a short read.
         {"BOOT first", toc_bytes(boot_first, 6), "refused", false, no_toc + "42 4F 4F 54 00 00 00 00 00 00 00 00 00 10 00 00 00 20 00 00 00 01 00 00 22 00 00 00 06 00 00 00\n"},
         {"TOCX", "TOCX", "refused", false, no_toc + "54 4F 43 58\n"},
         {"empty partition", "", "refused", false, no_toc + "\n"},
         {"count 17", toc_bytes(standard_parts(), 17), "refused", false, rix + "std_boot_parse_toc_img: ERR! invalid TOC: Total TOC count is 17\n"},
-        {"count -1", toc_bytes(standard_parts(), 0xFFFFFFFF), "refused", false, rix + "std_boot_parse_toc_img: ERR! invalid TOC: Total TOC count is -1\n"},
         {"TOC without verification information", toc_bytes(standard_with({{0, no_info}}), 6), "refused", true, rix + "prepare_boot_args: ERR! invalid TOC : No info for TOC verification\n"},
         {"no NV entry", toc_bytes(standard_with({{4, {"XV", 0, 0x400000, 0x100}}}), 6), "refused", false, rix + no_nv},
         // An NV entry of size 0 with an NV file: opened, then refused. Without
@@ -253,7 +245,6 @@ TEST_F(TocTest, PreparationBuildsTheRangeOrRefusesTheToc) {
         {"unreadable partition", "<dir>", "refused", false, "<3>cpif: rix: (ERR! Is a directory) std_boot_parse_toc_img: ERR! TOC read fail\n"},
     };
     // clang-format on
-    const int before = open_descriptors();
     for (const Row& c : rows) {
         SCOPED_TRACE(c.name);
         std::filesystem::remove(kNvPath);
@@ -262,7 +253,6 @@ TEST_F(TocTest, PreparationBuildsTheRangeOrRefusesTheToc) {
         }
         snprintf(rix_args.nv_data_path, sizeof(rix_args.nv_data_path), "%s",
                  c.nv_path ? kNvPath : "");
-        rix_args.options = (rix_args.options & ~BOPT_REINIT_VSS) | c.options;
         write_partition(c.partition);
         if (c.partition == "<none>" || c.partition == "<dir>") {
             std::filesystem::remove(kPartition);
