@@ -67,7 +67,6 @@ TEST_F(BoardTest, SimCountIsTheCharacterAfterTheFirstEquals) {
         EXPECT_EQ(kmsg(), factory + kRix + "set_sim_configuration: sim count: " +
                               std::to_string(c.count) + " (echo to ds_detect file)\n");
         EXPECT_EQ(read_file(kDsDetect), c.ds_detect);
-        std::filesystem::remove(kFactory);
     }
 }
 
