@@ -1,11 +1,6 @@
 // SIM count from the factory file and its hand-over to the driver, the sales
-// codes that reboot on a secure-boot failure, the RF sub-board query's
-// failure paths.
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
+// codes that reboot on a secure-boot failure.
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -35,21 +30,17 @@ class BoardTest : public RixTest {
 // The count is the byte after the first '=' of the first 127 bytes, minus
 // '0'; only 1 to 4 reach the driver, as one digit written in place.
 TEST_F(BoardTest, SimCountIsTheCharacterAfterTheFirstEquals) {
-    const std::string token = kRix + "get_factory_prop: can't find token!\n";
     const struct {
         std::string text;  // "<none>": no file, "<dir>": unreadable
         int count;
         std::string factory_log, ds_detect;
     } cases[] = {
-        {"ro.sim.count=2\n", 2, "sim_count: 2", "2000"},
         {"a=1=3", 1, "sim_count: 1", "1000"},
         {"sim=4", 4, "sim_count: 4", "4000"},
         {"sim=5", 5, "sim_count: 5", "0000"},
         {"sim=0", 0, "sim_count: 0", "0000"},
-        {"sim=x", 'x' - '0', "sim_count: 72", "0000"},
         {"sim=", -48, "sim_count: -48", "0000"},             // the NUL after the '='
         {"sim=\xff", 0xff - '0', "sim_count: 207", "0000"},  // a byte, whatever char's sign
-        {"no token here\n", -22, "can't find token!", "0000"},
         {"", -22, "can't find token!", "0000"},
         // '=' as byte 127 leaves only the terminating NUL; past it, none.
         {std::string(126, 'k') + "=3", -48, "sim_count: -48", "0000"},
@@ -68,44 +59,15 @@ TEST_F(BoardTest, SimCountIsTheCharacterAfterTheFirstEquals) {
         }
         std::ofstream(kDsDetect) << "0000";
         clear_logs();
-        EXPECT_EQ(Container::protocol->get_factory_prop(), c.count);
         Container::bootDump->set_sim_configuration();
         const std::string factory = c.factory_log.empty()
                                         ? "<3>cpif: rix: (ERR! Is a directory) get_factory_prop: "
                                           "/efs/factory.prop read fail\n"
                                         : kRix + "get_factory_prop: " + c.factory_log + "\n";
-        EXPECT_EQ(kmsg(), factory + factory + kRix + "set_sim_configuration: sim count: " +
+        EXPECT_EQ(kmsg(), factory + kRix + "set_sim_configuration: sim count: " +
                               std::to_string(c.count) + " (echo to ds_detect file)\n");
         EXPECT_EQ(read_file(kDsDetect), c.ds_detect);
-        std::filesystem::remove(kFactory);
     }
-}
-
-TEST_F(BoardTest, SimConfigurationFailuresAreErrorsAndNothingFollows) {
-    std::ofstream(kFactory) << "sim=2";
-    // A link in place of the attribute is not followed.
-    std::filesystem::create_symlink("/data/elsewhere", kDsDetect);
-    clear_logs();
-    Container::bootDump->set_sim_configuration();
-    EXPECT_FALSE(std::filesystem::exists("/data/elsewhere"));
-    const std::string line = "set_sim_configuration: SIM conf: ";
-    EXPECT_NE(kmsg().find("(ERR! Too many levels of symbolic links) " + line + "open failed\n"),
-              std::string::npos);
-    // A full device in the attribute's place: every write fails with ENOSPC.
-    std::filesystem::remove(kDsDetect);
-    std::ofstream(kDsDetect) << "";
-    ASSERT_EQ(mount("/dev/full", kDsDetect, nullptr, MS_BIND, nullptr), 0);
-    clear_logs();
-    Container::bootDump->set_sim_configuration();
-    umount(kDsDetect);
-    EXPECT_NE(kmsg().find("(ERR! No space left on device) " + line + "write failed\n"),
-              std::string::npos);
-    // No driver attribute directory at all.
-    std::filesystem::remove_all(kSimDir);
-    clear_logs();
-    Container::bootDump->set_sim_configuration();
-    EXPECT_NE(kmsg().find("(ERR! No such file or directory) " + line + "open failed\n"),
-              std::string::npos);
 }
 
 TEST_F(BoardTest, OnlyExactRebootSalesCodesMatch) {
@@ -122,20 +84,6 @@ TEST_F(BoardTest, OnlyExactRebootSalesCodesMatch) {
         EXPECT_EQ(Container::protocol->check_dmx_sales_code(), reboot) << code;
         EXPECT_EQ(kmsg(), kRix + "check_dmx_sales_code: sales_code:" + code + "\n");
     }
-}
-
-TEST_F(BoardTest, RfBoardQueryFailuresAreErrors) {
-    strcpy(rix_args.boot_node, "/data/umts_boot0");
-    clear_logs();
-    EXPECT_EQ(Container::bootDump->get_rfboard_disconnect(), -1);
-    // A node that is not the driver refuses the request.
-    std::ofstream("/data/umts_boot0") << "";
-    EXPECT_EQ(Container::bootDump->get_rfboard_disconnect(), -1);
-    EXPECT_EQ(kmsg(),
-              "<3>cpif: rix: (ERR! No such file or directory) get_rfboard_disconnect: "
-              "/data/umts_boot0 open fail(No such file or directory)\n"
-              "<3>cpif: rix: (ERR! Inappropriate ioctl for device) get_rfboard_disconnect: "
-              "IOCTL_GET_RFBOARD_DISCONNECT fail (-1)\n");
 }
 
 }  // namespace
