@@ -11,7 +11,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "process.h"
@@ -122,14 +121,7 @@ class Phone : public ::testing::Test {
     int count(const LogLine& line) const;
     // Each line counted as the pair says. Capture threads log beside the main thread, so an
     // expected line is first given a few seconds to reach its count.
-    void expect_counts(const std::vector<std::pair<LogLine, int>>& lines) const {
-        for (const auto& expected : lines) {
-            const LogLine& line = expected.first;
-            const int n = expected.second;
-            eventually([&] { return count(line) >= n; }, std::chrono::seconds(10));
-            EXPECT_EQ(count(line), n) << line.kernel;
-        }
-    }
+    void expect_counts(const std::vector<std::pair<LogLine, int>>& lines) const;
     // Names of the files of the log directory that begin with `prefix`, sorted.
     std::vector<std::string> files(const std::string& prefix) const;
     // Trace lines that begin with `prefix`.
@@ -153,14 +145,7 @@ class Phone : public ::testing::Test {
     // Polls `done` every 20 ms until it is true or `timeout` passed.
     template <typename F>
     static bool eventually(F done, Millis timeout) {
-        auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() >= deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(20ms);
-        }
-        return true;
+        return systest::eventually(done, timeout);
     }
 
   private:
