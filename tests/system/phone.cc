@@ -15,14 +15,6 @@ namespace fs = std::filesystem;
 
 namespace systest {
 
-const LogLine kWaiting = info("status_loop", "Wait event from modem type: 1");
-const LogLine kLoopExit = info("status_loop", "status loop exit");
-const LogLine kCallBoot = info("main", "Call boot start");
-const LogLine kBootDone = info("main", "Boot up process done!!!");
-const LogLine kBootFailed = info("main", "start boot fail");
-const LogLine kStatusReset = info("status_loop", "CP status RESET");
-const LogLine kStartDumpFail = info("status_loop", "start_dump fail");
-
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> out;
     std::istringstream in(text);

@@ -47,13 +47,15 @@ LogLine error(const std::string& err, const std::string& fn, const std::string& 
 inline constexpr int kClockSpeed = RIX_SANITIZED ? 1 : 10;
 
 inline const std::string kLogDir = "/data/vendor/log/rix";
-extern const LogLine kWaiting;        // the status loop waits for an event
-extern const LogLine kLoopExit;       // the status loop ended
-extern const LogLine kCallBoot;       // a boot starts
-extern const LogLine kBootDone;       // a boot worked
-extern const LogLine kBootFailed;     // a boot failed
-extern const LogLine kStatusReset;    // the crash handling ends with a new boot
-extern const LogLine kStartDumpFail;  // one dump attempt failed
+// Lines the scenarios wait for and count: the status loop waits for an event, or ended; a boot
+// starts, worked or failed; the crash handling ends with a new boot; one dump attempt failed.
+inline const LogLine kWaiting = info("status_loop", "Wait event from modem type: 1");
+inline const LogLine kLoopExit = info("status_loop", "status loop exit");
+inline const LogLine kCallBoot = info("main", "Call boot start");
+inline const LogLine kBootDone = info("main", "Boot up process done!!!");
+inline const LogLine kBootFailed = info("main", "start boot fail");
+inline const LogLine kStatusReset = info("status_loop", "CP status RESET");
+inline const LogLine kStartDumpFail = info("status_loop", "start_dump fail");
 
 // The lines of a text, without their line feeds.
 std::vector<std::string> lines_of(const std::string& text);

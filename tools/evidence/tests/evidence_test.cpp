@@ -28,16 +28,16 @@ const std::string S2 = "20261124-0910_05", K2 = "202611240910_05";
 // capture before and, when `after`, the one after the dump.
 Files attempt(const std::string& s, const std::string& k, bool after = true) {
     const std::string region = "/data/vendor/log/rix/cpcrash_shmem_dump_umts_" + s + ".log";
-    Files f = {{"cpcrash_umts_log_" + s + ".log",
-                "get_log_dump: size:100\nget_log_dump: " + region + " opened (fd 9)\n" +
-                    "get_log_dump: " + region + " Complete! (100 bytes)\n" +
-                    "std_ul_recv_info: DUMP INFO saved\n" +
-                    "std_ul_recv_data: [step 1] saved = 64\n" +
-                    "std_dump_receive_cp_dump: DUMP DATA saved\n"},
-               {"cpcrash_umts_info_vm420_" + s + ".log", ": CP Crash by CP - UMTS: oops"},
-               {"cpcrash_umts_dump_" + s + ".log", std::string(64, 'd')},
-               {"cpcrash_shmem_dump_umts_" + s + ".log", std::string(100, 'r')},
-               {"cpcrash_umts_klog_before_" + k + ".log", "ring"}};
+    Files f = {
+        {"cpcrash_umts_log_" + s + ".log",
+         "get_log_dump: size:100\nget_log_dump: " + region + " opened (fd 9)\n" +
+             "get_log_dump: " + region + " Complete! (100 bytes)\n" +
+             "std_ul_recv_info: DUMP INFO saved\n" + "std_ul_recv_data: [step 1] saved = 64\n" +
+             "std_dump_receive_cp_dump: DUMP DATA saved\n"},
+        {"cpcrash_umts_info_vm420_" + s + ".log", ": CP Crash by CP - UMTS: oops"},
+        {"cpcrash_umts_dump_" + s + ".log", std::string(64, 'd')},
+        {"cpcrash_shmem_dump_umts_" + s + ".log", std::string(100, 'r')},
+        {"cpcrash_umts_klog_before_" + k + ".log", "ring"}};
     f["cpcrash_umts_klog_" + std::string(after ? "after_" : "before_") + k + ".log"] = "ring";
     return f;
 }
@@ -78,12 +78,18 @@ std::vector<Case> cases() {
         renamed[foreign] = "";
     }
     return {
-        {"two days in time order, one without its capture after the dump",
-         attempt(S2, K2, false) + attempt(S1, K1),
-         {{"/crashes/0/time", "2026-11-23 20:03:28"},
-          {"/crashes/0/verdict", "complete"},
+        {"two days in time order: a failed preparation and its retry, then a dump without its "
+         "capture after",
+         attempt(S2, K2, false) + attempt(S1, K1) +
+             Files{{"cpcrash_umts_klog_before_202611232003_27.log", "ring"},
+                   {"cpcrash_umts_dump_fail_202611232003_27.log", "ring"}},
+         {{"/crashes/0/time", "2026-11-23 20:03:27"},
+          {"/crashes/0/attempts/0/failing_step",
+           "the dump files were never made (preparation failed)"},
+          {"/crashes/0/attempts/1/verdict", "complete"},
           {"/crashes/1/time", "2026-11-24 09:10:05"},
-          {"/crashes/1/attempts/0/missing", {"kernel log after the dump"}}},
+          {"/crashes/1/attempts/0/missing", {"kernel log after the dump"}},
+          {"/crashes/2", nullptr}},
          1},
         {"a renamed dump file, a lost region and capture, an old capture, foreign names",
          renamed,
@@ -95,14 +101,6 @@ std::vector<Case> cases() {
           {"/crashes/1/attempts/0/missing",
            {"dump file", "region shmem: file missing", "kernel log before the dump"}}},
          1},
-        {"an attempt whose preparation failed and its retry are one crash",
-         attempt(S1, K1) + Files{{"cpcrash_umts_klog_before_202611232003_27.log", "ring"},
-                                 {"cpcrash_umts_dump_fail_202611232003_27.log", "ring"}},
-         {{"/crashes/0/attempts/0/failing_step",
-           "the dump files were never made (preparation failed)"},
-          {"/crashes/0/attempts/1/verdict", "complete"},
-          {"/crashes/1", nullptr}},
-         0},
         {"a hex log rotated inside an entry, and its backup",
          {{".sr_info_umts.bak", hex_entry(22, R"({"a":1})") + cut.substr(0, two_lines)},
           {"sr_info_umts", cut.substr(two_lines) + hex_entry(24, R"({"b":2})") +
