@@ -152,7 +152,8 @@ TEST(Settings, RefusalsNameTheLine) {
         EXPECT_NE(apply_setting(s, line), "") << line;
     }
     const std::string path = ::testing::TempDir() + "/vmodem-settings-test";
-    std::ofstream(path) << "# comment\n\n  dump_reason CP crashed: assert at x.c:12\ndump_steps x\n";
+    std::ofstream(path)
+        << "# comment\n\n  dump_reason CP crashed: assert at x.c:12\ndump_steps x\n";
     EXPECT_EQ(load_scenario(s, path), "line 4: not a number: x");
     EXPECT_EQ(s.dump_reason, "CP crashed: assert at x.c:12") << "a text keeps its blanks";
 }
