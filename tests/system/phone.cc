@@ -15,14 +15,6 @@ namespace fs = std::filesystem;
 
 namespace systest {
 
-const LogLine kWaiting = info("status_loop", "Wait event from modem type: 1");
-const LogLine kLoopExit = info("status_loop", "status loop exit");
-const LogLine kCallBoot = info("main", "Call boot start");
-const LogLine kBootDone = info("main", "Boot up process done!!!");
-const LogLine kBootFailed = info("main", "start boot fail");
-const LogLine kStatusReset = info("status_loop", "CP status RESET");
-const LogLine kStartDumpFail = info("status_loop", "start_dump fail");
-
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> out;
     std::istringstream in(text);
@@ -116,22 +108,17 @@ void Phone::start_rix(const std::vector<std::string>& args, const Sandbox& sandb
 void Phone::start_in_phone(const std::vector<std::string>& command, const Sandbox& sandbox) {
     std::vector<std::string> argv = {VPHONE_BIN, "--root", root(), "--pid-file",
                                      work_ + "/rix.pid"};
-    if (modem_->running()) {
-        argv.insert(argv.end(), {"--modem-dir", modem_->mount_dir()});
-    }
+    auto add = [&argv](bool when, std::initializer_list<std::string> words) {
+        argv.insert(argv.end(), when ? words : std::initializer_list<std::string>{});
+    };
+    add(modem_->running(), {"--modem-dir", modem_->mount_dir()});
     for (const auto& node : sandbox.omit_nodes) {
-        argv.insert(argv.end(), {"--omit-node", node});
+        add(true, {"--omit-node", node});
     }
-    if (built_) {
-        argv.insert(argv.end(), {"--partition", partition_path(), "--nv", nv_path()});
-    }
-    if (!sandbox.log_tmpfs.empty()) {
-        argv.insert(argv.end(), {"--log-tmpfs", sandbox.log_tmpfs});
-    }
-    if (sandbox.faketime > 1) {
-        argv.insert(argv.end(), {"--faketime", std::to_string(sandbox.faketime)});
-    }
-    argv.push_back("--");
+    add(built_, {"--partition", partition_path(), "--nv", nv_path()});
+    add(!sandbox.log_tmpfs.empty(), {"--log-tmpfs", sandbox.log_tmpfs});
+    add(sandbox.faketime > 1, {"--faketime", std::to_string(sandbox.faketime)});
+    add(true, {"--"});
     argv.insert(argv.end(), command.begin(), command.end());
     vphone_.start(argv, work_ + "/vphone.out");
 }
@@ -205,6 +192,15 @@ bool Phone::wait_logged(const LogLine& line, Millis timeout, int times) {
                    count_lines(radio_log(), line.android) >= times;
         },
         timeout);
+}
+
+void Phone::expect_counts(const std::vector<std::pair<LogLine, int>>& lines) const {
+    for (const auto& expected : lines) {
+        const LogLine& line = expected.first;
+        const int n = expected.second;
+        eventually([&] { return count(line) >= n; }, kWait);
+        EXPECT_EQ(count(line), n) << line.kernel;
+    }
 }
 
 }  // namespace systest

@@ -11,7 +11,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "process.h"
@@ -48,13 +47,15 @@ LogLine error(const std::string& err, const std::string& fn, const std::string& 
 inline constexpr int kClockSpeed = RIX_SANITIZED ? 1 : 10;
 
 inline const std::string kLogDir = "/data/vendor/log/rix";
-extern const LogLine kWaiting;        // the status loop waits for an event
-extern const LogLine kLoopExit;       // the status loop ended
-extern const LogLine kCallBoot;       // a boot starts
-extern const LogLine kBootDone;       // a boot worked
-extern const LogLine kBootFailed;     // a boot failed
-extern const LogLine kStatusReset;    // the crash handling ends with a new boot
-extern const LogLine kStartDumpFail;  // one dump attempt failed
+// Lines the scenarios wait for and count: the status loop waits for an event, or ended; a boot
+// starts, worked or failed; the crash handling ends with a new boot; one dump attempt failed.
+inline const LogLine kWaiting = info("status_loop", "Wait event from modem type: 1");
+inline const LogLine kLoopExit = info("status_loop", "status loop exit");
+inline const LogLine kCallBoot = info("main", "Call boot start");
+inline const LogLine kBootDone = info("main", "Boot up process done!!!");
+inline const LogLine kBootFailed = info("main", "start boot fail");
+inline const LogLine kStatusReset = info("status_loop", "CP status RESET");
+inline const LogLine kStartDumpFail = info("status_loop", "start_dump fail");
 
 // The lines of a text, without their line feeds.
 std::vector<std::string> lines_of(const std::string& text);
@@ -122,14 +123,7 @@ class Phone : public ::testing::Test {
     int count(const LogLine& line) const;
     // Each line counted as the pair says. Capture threads log beside the main thread, so an
     // expected line is first given a few seconds to reach its count.
-    void expect_counts(const std::vector<std::pair<LogLine, int>>& lines) const {
-        for (const auto& expected : lines) {
-            const LogLine& line = expected.first;
-            const int n = expected.second;
-            eventually([&] { return count(line) >= n; }, std::chrono::seconds(10));
-            EXPECT_EQ(count(line), n) << line.kernel;
-        }
-    }
+    void expect_counts(const std::vector<std::pair<LogLine, int>>& lines) const;
     // Names of the files of the log directory that begin with `prefix`, sorted.
     std::vector<std::string> files(const std::string& prefix) const;
     // Trace lines that begin with `prefix`.
@@ -153,14 +147,7 @@ class Phone : public ::testing::Test {
     // Polls `done` every 20 ms until it is true or `timeout` passed.
     template <typename F>
     static bool eventually(F done, Millis timeout) {
-        auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() >= deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(20ms);
-        }
-        return true;
+        return systest::eventually(done, timeout);
     }
 
   private:

@@ -11,7 +11,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 namespace systest {
 
@@ -64,14 +63,7 @@ bool Process::running() {
 }
 
 std::optional<int> Process::wait(std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!reap(false)) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return std::nullopt;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return code_;
+    return eventually([&] { return reap(false); }, timeout) ? code_ : std::nullopt;
 }
 
 int Process::stop(int sig, std::chrono::milliseconds grace) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace systest {
@@ -32,6 +33,19 @@ class Process {
     pid_t pid_ = -1;
     std::optional<int> code_;
 };
+
+// Polls `done` every 20 ms until it is true or `timeout` passed; true when it came in time.
+template <typename F>
+bool eventually(F done, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
 
 // The whole content of a host file ("" when it cannot be read).
 std::string read_text(const std::string& path);

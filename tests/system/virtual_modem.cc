@@ -10,7 +10,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -24,12 +23,9 @@ void VirtualModem::start(const std::string& scenario) {
                     dir_ + "/control.sock", "--trace", trace_path(), "--memory", memory_path(),
                     "--ready-file", ready},
                    dir_ + "/vmodem.out");
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!fs::exists(ready)) {
-        if (!process_.running() || std::chrono::steady_clock::now() > deadline) {
-            throw std::runtime_error("vmodem did not start: " + read_text(dir_ + "/vmodem.out"));
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    eventually([&] { return fs::exists(ready) || !process_.running(); }, std::chrono::seconds(10));
+    if (!fs::exists(ready)) {
+        throw std::runtime_error("vmodem did not start: " + read_text(dir_ + "/vmodem.out"));
     }
 }
 
@@ -76,10 +72,6 @@ std::map<std::string, int> VirtualModem::handles() const {
         }
     }
     return out;
-}
-
-std::string VirtualModem::trace() const {
-    return read_text(trace_path());
 }
 
 std::vector<std::string> VirtualModem::requests(const std::string& name) const {

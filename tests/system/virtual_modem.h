@@ -30,7 +30,7 @@ class VirtualModem {
     // Open descriptors per node as the driver counts them: {"boot": N, "dump": N, "memshare": N}.
     std::map<std::string, int> handles() const;
 
-    std::string trace() const;
+    std::string trace() const { return read_text(trace_path()); }
     // The trace lines of the requests ("ioctl NODE NAME args -> RESULT"), all or of one name.
     std::vector<std::string> requests(const std::string& name = "") const;
 

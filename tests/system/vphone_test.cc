@@ -1,26 +1,19 @@
 // The sandbox itself, where the daemon's scenarios do not already drive it: signals, what
 // outlives the command and the refusal to run without root. (The log tmpfs, the fake clock, the
 // ownership of what the daemon writes and the pid file are relied on by those scenarios.)
-#include <filesystem>
-
 #include "phone.h"
 
 namespace systest {
 namespace {
 
-// True when a host process runs with exactly this command line (arguments joined by spaces).
-bool host_process_running(const std::string& command_line) {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        std::string text = read_text(entry.path() / "cmdline");
-        std::replace(text.begin(), text.end(), '\0', ' ');
-        if (text == command_line + " ") {
-            return true;
-        }
+class Sandbox : public Phone {
+  protected:
+    // True when a host process runs with exactly this command line.
+    bool host_process_running(const std::string& command_line) {
+        return run({"/usr/bin/pgrep", "-x", "-f", command_line}, root() + "/../pgrep.out", kWait) ==
+               0;
     }
-    return false;
-}
-
-using Sandbox = Phone;
+};
 
 TEST_F(Sandbox, ReportsADeathBySignalAs128PlusTheSignal) {
     start_in_phone({"/bin/sh", "-c", "kill -KILL $$"});
@@ -30,12 +23,12 @@ TEST_F(Sandbox, ReportsADeathBySignalAs128PlusTheSignal) {
 TEST_F(Sandbox, EveryProcessEndsWithTheCommandOrOnSigterm) {
     start_in_phone({"/bin/sh", "-c", "sleep 987651 & exit 0"});
     ASSERT_EQ(wait_exit(), 0) << output();
-    EXPECT_TRUE(eventually([] { return !host_process_running("sleep 987651"); }, 2s));
+    EXPECT_TRUE(eventually([&] { return !host_process_running("sleep 987651"); }, 2s));
     start_in_phone({"/bin/sh", "-c", "sleep 987652 & sleep 987653"});
-    ASSERT_TRUE(eventually([] { return host_process_running("sleep 987653"); }, kWait));
+    ASSERT_TRUE(eventually([&] { return host_process_running("sleep 987653"); }, kWait));
     EXPECT_EQ(stop_phone(SIGTERM), 128 + SIGTERM);
-    EXPECT_TRUE(eventually([] { return !host_process_running("sleep 987652"); }, 2s));
-    EXPECT_TRUE(eventually([] { return !host_process_running("sleep 987653"); }, 2s));
+    EXPECT_TRUE(eventually([&] { return !host_process_running("sleep 987652"); }, 2s));
+    EXPECT_TRUE(eventually([&] { return !host_process_running("sleep 987653"); }, 2s));
 }
 
 TEST_F(Sandbox, RefusesToRunWithoutRoot) {

@@ -92,10 +92,6 @@ void RixTest::TearDown() {
     std::filesystem::remove_all(dir_);
 }
 
-void RixTest::set_prop(const std::string& key, const std::string& value) {
-    std::ofstream(prop_dir_ + "/" + key, std::ios::binary) << value;
-}
-
 std::string RixTest::prop(const std::string& key) const {
     std::string path = prop_dir_ + "/" + key;
     return std::filesystem::exists(path) ? read_file(path) : "<unset>";
@@ -104,18 +100,6 @@ std::string RixTest::prop(const std::string& key) const {
 void RixTest::set_cmdline(const std::string& text) {
     // Same inode: the bind mount keeps pointing at it.
     std::ofstream(kCmdlineFile, std::ios::binary | std::ios::trunc) << text;
-}
-
-std::string RixTest::kmsg() const {
-    return read_file("/proc/self/fd/" + std::to_string(kmsg_capture_));
-}
-
-std::string RixTest::radio() const {
-    return read_file(log_dir_ + "/radio");
-}
-
-std::string RixTest::main_log() const {
-    return read_file(log_dir_ + "/main");
 }
 
 void RixTest::clear_logs() {

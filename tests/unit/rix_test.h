@@ -7,21 +7,28 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
+
+// The whole content of a file ("" when it cannot be read).
+std::string read_file(const std::string& path);
 
 class RixTest : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
 
-    void set_prop(const std::string& key, const std::string& value);
+    void set_prop(const std::string& key, const std::string& value) {
+        std::ofstream(prop_dir_ + "/" + key, std::ios::binary) << value;
+    }
     std::string prop(const std::string& key) const;  // "<unset>" when missing
     void set_cmdline(const std::string& text);
 
-    std::string kmsg() const;   // everything the kernel log copy received
-    std::string radio() const;  // the Android radio log buffer
-    std::string main_log() const;
+    // Everything the kernel log copy received; the Android radio and main log buffers.
+    std::string kmsg() const { return read_file("/proc/self/fd/" + std::to_string(kmsg_capture_)); }
+    std::string radio() const { return read_file(log_dir_ + "/radio"); }
+    std::string main_log() const { return read_file(log_dir_ + "/main"); }
     void clear_logs();
 
     // Runs Container::parseArgs on "rix" followed by args.
@@ -32,5 +39,3 @@ class RixTest : public ::testing::Test {
     std::string log_dir_;
     int kmsg_capture_ = -1;
 };
-
-std::string read_file(const std::string& path);
