@@ -349,6 +349,8 @@ const Failure kFailures[] = {
     {"Handshake", "answer 0x900D 0xA00E\n", {}, "ERR! std_boot_finish_handshake fail"},
     {"SilentBootLoader", "answer 0x900D none\n", {}, "ERR! std_boot_finish_handshake fail",
      {info("std_udl_poll", "ERR! poll fail (events 0x1, TIMEOUT)")}, "", "", false, 30s},
+    // The second handshake word answered wrongly: the first answer was right.
+    {"Finish", "answer 0x9F00 0xAF01\n", {}, "ERR! std_boot_finish_handshake fail"},
     // A completion failure is still reported to the driver.
     {"Complete", "result COMPLETE_NORMAL_BOOTUP -5\n", {},
      "ERR! std_boot_complete_normal_bootup fail", {error(kEio, "std_boot_complete_normal_bootup",
