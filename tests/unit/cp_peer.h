@@ -12,57 +12,27 @@
 
 #include <gtest/gtest.h>
 
-#include "dump/udl.h"
-
 namespace cp_peer {
 
 using Bytes = std::vector<uint8_t>;
 
+// The bytes of a word or of a structure the CP sends, as they lie in memory.
+template <typename T>
+Bytes raw(const T& value) {
+    const auto* p = reinterpret_cast<const uint8_t*>(&value);
+    return Bytes(p, p + sizeof(value));
+}
 inline Bytes le(uint32_t word) {
-    Bytes b(4);
-    memcpy(b.data(), &word, 4);
-    return b;
-}
-
-inline Bytes info(uint32_t dump_size, uint32_t num_steps, uint32_t reason_len) {
-    const udl::ul_info i = {dump_size, num_steps, reason_len};
-    const auto* p = reinterpret_cast<const uint8_t*>(&i);
-    return Bytes(p, p + sizeof(i));
-}
-
-// A frame whose header says `size` whatever the payload that follows it.
-inline Bytes frame(uint32_t command, uint32_t num_frames, uint32_t curr_frame, uint32_t size,
-                   const Bytes& payload) {
-    const udl::ul_frame_header h = {command, num_frames, curr_frame, size};
-    const auto* p = reinterpret_cast<const uint8_t*>(&h);
-    Bytes b(p, p + sizeof(h));
-    b.insert(b.end(), payload.begin(), payload.end());
-    return b;
-}
-
-// Payload bytes that differ per step, frame and position, so a misplaced or
-// lost frame shows in the file.
-inline Bytes pattern(uint32_t step, uint32_t curr_frame, size_t size) {
-    Bytes b(size);
-    for (size_t i = 0; i < size; ++i) {
-        b[i] = static_cast<uint8_t>((i * 31) ^ (i >> 8) ^ (step * 7) ^ (curr_frame * 13));
-    }
-    return b;
+    return raw(word);
 }
 
 // ap is the daemon's descriptor of the node, cp the far end.
 struct Node {
     Node() {
-        int sv[2];
+        int sv[2] = {-1, -1};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv), 0);
         ap = sv[0];
         cp = sv[1];
-        // Room for a whole dump queued at once and every request word of it
-        // (root may exceed the default).
-        const int room = 16 << 20;
-        for (int fd : sv) {
-            EXPECT_EQ(setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)), 0);
-        }
     }
     ~Node() {
         close(ap);
@@ -89,8 +59,7 @@ struct Node {
         }
         return out;
     }
-    int ap = -1, cp = -1;
-    // Messages the AP left unread.
+    // Messages the AP left unread (they are consumed).
     int unread() const {
         int n = 0;
         uint8_t buf[16];
@@ -99,6 +68,7 @@ struct Node {
         }
         return n;
     }
+    int ap = -1, cp = -1;
 };
 
 }  // namespace cp_peer

@@ -15,6 +15,7 @@
 #include "cp_peer.h"
 #include "dump/crash_reason.h"
 #include "dump/protocol.h"
+#include "dump/udl.h"
 #include "log/log.h"
 #include "rix_test.h"
 
@@ -54,8 +55,10 @@ TEST_F(DumpReceptionTest, FailedInfoOrDumpFileWriteOrFlushEndsTheReception) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.log);
         cp_peer::Node node;
-        node.give(cp_peer::le(0xAD00)).give(cp_peer::info(10, 1, 1)).give({'x'});
-        node.give(cp_peer::frame(0xAD01, 1, 1, 10, cp_peer::pattern(1, 1, 10)));
+        cp_peer::Bytes frame = cp_peer::raw(udl::ul_frame_header{0xAD01, 1, 1, 10});
+        frame.resize(frame.size() + 10, 'p');
+        node.give(cp_peer::le(0xAD00)).give(cp_peer::raw(udl::ul_info{10, 1, 1})).give({'x'});
+        node.give(frame);
         memset(d, 0, sizeof(*d));
         strcpy(d->reason, "UMTS: ");
         d->fd = node.ap;
