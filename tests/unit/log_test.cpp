@@ -1,6 +1,6 @@
-// The log facility where the daemon's runs do not show it: the dump-log copy at descriptor 1,
-// an overlong text, and kprintf_deinit. The two usual forms are compared in both copies by every
-// system test.
+// The log facility where the daemon's runs do not show it: the dump-log copy at descriptor 1 and
+// kprintf_deinit (an overlong text: DecisionsTest). The two usual forms are compared in both
+// copies by every system test.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -42,18 +42,6 @@ TEST_F(LogTest, DumpLogCopyOnlyWhileLogFdIsOpen) {
     EXPECT_EQ(text,
               "std_ul_recv_info: log_fd 1\n"
               "(ERR! Input/output error) std_ul_rx_frame: read fail\n");
-    // The two usual copies are always written.
-    EXPECT_NE(kmsg().find("<6>cpif: rix: std_ul_recv_info: log_fd 0\n"), std::string::npos);
-    EXPECT_NE(radio().find("D/boot: rix: std_ul_recv_info: log_fd -1\n"), std::string::npos);
-}
-
-TEST_F(LogTest, OverlongTextIsCutNotOverflowed) {
-    std::string big(10000, 'a');
-    LOGI_AS("main", "%s\n", big.c_str());
-    const std::string k = kmsg();
-    EXPECT_GT(k.size(), 1000u);
-    EXPECT_LT(k.size(), 4096u);
-    EXPECT_EQ(k.rfind("<6>cpif: rix: main: aaaa", 0), 0u);
 }
 
 // Descriptor 1 is the standard output the daemon logs to before /dev/kmsg is open: kept.
