@@ -143,13 +143,6 @@ class Phone : public ::testing::Test {
         return eventually([&] { return property(name) == value; }, timeout);
     }
 
-  public:
-    // Polls `done` every 20 ms until it is true or `timeout` passed.
-    template <typename F>
-    static bool eventually(F done, Millis timeout) {
-        return systest::eventually(done, timeout);
-    }
-
   private:
     std::string work_;
     bool built_ = false;
