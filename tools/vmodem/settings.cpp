@@ -297,6 +297,8 @@ std::string apply_setting(Settings& s, std::string_view line) {
         s.image_mark_to = uint64_t(n[1]);
         return "";
     }
+    if (key == "power_on_pause_ms")
+        return set_u32(rest, s.power_on_pause_ms);
     if (key == "dump_seed")
         return set_u64(rest, s.dump_seed);
     if (key == "dump_size")

@@ -46,6 +46,9 @@ struct Settings {
     // switches around it).
     uint64_t image_mark_from = 0;
     uint64_t image_mark_to = UINT64_MAX;
+    // Measurement: POWER_ON answers after this many ms, so that every side of
+    // a benchmark pair comes to its image after the same idle pause.
+    uint32_t power_on_pause_ms = 0;
 
     // Silent-reset block: the crash-info text that follows the 16-byte header.
     std::string srinfo_text = "{\"JVER\":\"VM1\",\"reason\":\"vmodem silent reset\"}";

@@ -6,6 +6,7 @@
 // need to settle) are checked there, through the daemon.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -89,14 +90,17 @@ TEST_F(ModemTest, RequestsTheDaemonNeverMakesAreRefusedAndFactsEscaped) {
               " srinfo_restored=\"a\\\"b\\\\c\\x0A\\x01\\xFF\"");
 }
 
-// Chunks stay inside modem memory (the empty last chunk of a part whose size is a multiple of
-// the chunk is fine); refused ones count nothing, neither in the facts nor in the benchmark's
-// marks. A clear starts the marks over and image_mark_range keeps only the loads that start
-// inside it.
+// POWER_ON answers after the benchmark's pause. Chunks stay inside modem memory (the empty
+// last chunk of a part whose size is a multiple of the chunk is fine); refused ones count
+// nothing, neither in the facts nor in the benchmark's marks. A clear starts the marks over and
+// image_mark_range keeps only the loads that start inside it.
 TEST_F(ModemTest, ImageChunksStayInsideModemMemoryAndMarksCountWhatWasServed) {
     make({});
     EXPECT_EQ(load(0x1000, 100), -EIO) << "the CP is not powered";
+    EXPECT_EQ(control("set power_on_pause_ms 30"), "ok");
+    const auto asked = std::chrono::steady_clock::now();
     ASSERT_EQ(io(Node::Boot, IOCTL_POWER_ON), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - asked, std::chrono::milliseconds(30));
     const auto end = static_cast<uint32_t>(memory_.size());
     const std::tuple<uint32_t, uint32_t, int32_t> rows[] = {
         {end - 99, 100, -EINVAL}, {end, 1, -EINVAL}, {0xFFFFFFF0u, 100, -EINVAL}, {end, 0, 0},
