@@ -4,11 +4,13 @@
 #include <time.h>
 #include <unistd.h>
 #include <algorithm>
+#include <chrono>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "boot/cpif.h"
 #include "dump/udl.h"
@@ -59,12 +61,6 @@ int open_thread_cpu(int32_t tid) {
     snprintf(path, sizeof(path), "/proc/%d/task/%d/schedstat", static_cast<int>(tid),
              static_cast<int>(tid));
     return open(path, O_RDONLY | O_CLOEXEC);
-}
-
-void pause_ms(uint32_t ms) {
-    timespec left = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
-    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
 }
 
 int64_t thread_cpu_ns(int fd) {
@@ -271,7 +267,7 @@ IoctlOutcome Modem::dispatch(Node node, const Request& r, uint64_t arg, const vo
     (void)node;
     switch (r.code) {
         case IOCTL_POWER_ON:
-            pause_ms(settings_.power_on_pause_ms);
+            std::this_thread::sleep_for(std::chrono::milliseconds(settings_.power_on_pause_ms));
             return power(true, facts_.boot_mode);
         case IOCTL_POWER_OFF:
             return power(false, facts_.boot_mode);
